@@ -1,0 +1,19 @@
+// Finding a data volume with room for a session's output.
+#pragma once
+
+#include <string>
+
+// Status bits reported by VolumeAvailGet.
+inline constexpr int kVolumeStatusFound = 0x1;     // at least one data volume exists
+inline constexpr int kVolumeStatusReadOnly = 0x4;  // a volume exists but none is writable
+
+struct VolumeInfo {
+  std::string mountPath;             // e.g. "/volume1" under the machine root
+  unsigned long long availableBytes;  // free to an unprivileged writer
+};
+
+// Picks, among the data volumes under the machine root, the writable one with
+// the most free space, provided it has at least `neededBytes`.
+// Returns 1 and fills `info` when one fits; 0 when none does, with `status`
+// describing what was seen; -1 on a failure to look (OLIBCErrGet tells why).
+int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status, int flags);

@@ -1,0 +1,103 @@
+#include "tests/support/machine_root.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/machine_root.h"
+
+namespace orvotest {
+namespace fs = std::filesystem;
+namespace machine = librh::machine;
+
+namespace {
+
+std::string CpuInfo(const PlatformFiles& platform) {
+  std::ostringstream text;
+  int processors = platform.cpuCores > 0 ? platform.cpuCores : 1;
+  for (int i = 0; i < processors; ++i) {
+    text << "processor\t: " << i << "\n"
+         << "vendor_id\t: GenuineIntel\n"
+         << "model name\t: Test CPU\n";
+    if (platform.cpuCores > 0) text << "cpu cores\t: " << platform.cpuCores << "\n";
+    text << "bogomips\t: " << platform.bogoMips << "\n"
+         << "BogoMIPS\t: " << platform.bogoMips << "\n\n";
+  }
+  return text.str();
+}
+
+}  // namespace
+
+MachineRoot::MachineRoot() : MachineRoot(PlatformFiles{}) {}
+
+MachineRoot::MachineRoot(const PlatformFiles& platform) {
+  std::string pattern = (fs::temp_directory_path() / "orvovte-root-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) {
+    ADD_FAILURE() << "mkdtemp failed for " << pattern;
+  }
+  root_ = pattern;
+  chmod(root_.c_str(), 0755);
+  if (const char* previous = getenv(machine::kRootVariable)) {
+    previousRoot_ = previous;
+    hadPreviousRoot_ = true;
+  }
+  setenv(machine::kRootVariable, root_.c_str(), 1);
+
+  fs::create_directories(At(machine::kTempRoot));
+  fs::create_directories(At("/run"));
+  fs::create_directories(fs::path(At(machine::kAdvancedConf)).parent_path());
+  WriteFile(machine::kCodecsConf, "support_codec_dts=\"no\"\n");
+  Play(platform);
+  AddVolume(1);
+}
+
+MachineRoot::~MachineRoot() {
+  if (hadPreviousRoot_) {
+    setenv(machine::kRootVariable, previousRoot_.c_str(), 1);
+  } else {
+    unsetenv(machine::kRootVariable);
+  }
+  RemoveTree(root_);
+}
+
+void MachineRoot::WriteFile(const std::string& machinePath, const std::string& content) const {
+  fs::path path(At(machinePath));
+  fs::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::trunc | std::ios::binary);
+  out << content;
+  if (!out) ADD_FAILURE() << "cannot write " << path;
+}
+
+void MachineRoot::Play(const PlatformFiles& platform) const {
+  std::error_code ignored;
+  fs::remove(At(machine::kOrvoInfoConf), ignored);
+  fs::remove(At(machine::kOrvoPlatform), ignored);
+  if (!platform.name.empty()) {
+    WriteFile(machine::kOrvoInfoConf, "unique=\"reelbox_" + platform.name + "_1019\"\n");
+  }
+  if (!platform.hostPlatform.empty()) {
+    WriteFile(machine::kOrvoPlatform, platform.hostPlatform + "\n");
+  }
+  WriteFile(machine::kCpuInfo, CpuInfo(platform));
+}
+
+std::string MachineRoot::AddVolume(int number) const {
+  std::string volume = At("/volume" + std::to_string(number));
+  fs::create_directories(volume);
+  return volume;
+}
+
+void MachineRootTest::SetUp() { root_ = std::make_unique<MachineRoot>(); }
+
+void MachineRootTest::TearDown() { root_.reset(); }
+
+void RemoveTree(const std::string& path) {
+  if (path.empty()) return;
+  std::error_code ignored;
+  fs::remove_all(path, ignored);
+}
+
+}  // namespace orvotest
