@@ -33,12 +33,13 @@ int OLIBCReadPidFile(const char* path);
 // Reads the value of `key` from a file of key=value lines ('#' starts a
 // comment line; a value may be wrapped in double quotes, which are removed).
 // The first line with the key wins. Writes at most size-1 bytes and a NUL.
-// Returns the value's length (> 0) on success, 0 when the key is absent or its
-// value empty, -1 when the file cannot be read or the arguments are bad.
+// Returns the number of bytes written (> 0; less than the value's length when
+// the buffer truncated it), 0 when the key is absent or its value empty, -1
+// when the file cannot be read or the arguments are bad.
 int OLIBCFileGetKeyValue(const char* file, const char* key, char* value, int size, int flags);
 
 // 1 when `key` in the key=value file equals `value`, 0 when it does not or is
-// absent, -1 when the file cannot be read.
+// absent, -1 when the file cannot be read (so "non-zero" is not "equal").
 int OLIBCFileCheckKeyValue(const char* file, const char* key, const char* value, int flags);
 
 // The calling thread's last platform error (0 when none).

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 // Status bits reported by VolumeAvailGet.
 inline constexpr int kVolumeStatusFound = 0x1;     // at least one data volume exists
@@ -17,3 +18,17 @@ struct VolumeInfo {
 // Returns 1 and fills `info` when one fits; 0 when none does, with `status`
 // describing what was seen; -1 on a failure to look (OLIBCErrGet tells why).
 int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status, int flags);
+
+// A data volume as VolumeAvailGet sees it.
+struct VolumeCandidate {
+  std::string mountPath;
+  unsigned long long availableBytes;
+  bool writable;
+};
+
+// The choice VolumeAvailGet makes once the volumes are known, apart from the
+// file system so it can be checked case by case: 1 and `info` filled when a
+// writable candidate has `neededBytes` (the roomiest wins, the earliest on a
+// tie), else 0. `status` gets the status bits either way.
+int ChooseVolume(const std::vector<VolumeCandidate>& candidates, unsigned long long neededBytes,
+                 VolumeInfo* info, int* status);

@@ -1,0 +1,264 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/olibc.h"
+#include "tests/support/child.h"
+#include "tests/support/machine_root.h"
+
+namespace {
+
+// Cases that need scratch files get a temporary machine root.
+class ProcessTest : public orvotest::MachineRootTest {};
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Runs `run` with this process's stdout sent to a file and returns what was
+// written there; the exec'd programs inherit that stdout.
+std::string CaptureStdout(const std::string& file, const std::function<int()>& run, int* result) {
+  fflush(stdout);
+  int out = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  int saved = dup(STDOUT_FILENO);
+  dup2(out, STDOUT_FILENO);
+  close(out);
+  *result = run();
+  fflush(stdout);
+  dup2(saved, STDOUT_FILENO);
+  close(saved);
+  return ReadAll(file);
+}
+
+// True when this process has no child left, reaped or not.
+bool NoChildren() {
+  int status;
+  return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
+}
+
+bool WaitForFile(const std::string& path, int timeoutSeconds) {
+  for (int tick = 0; tick < timeoutSeconds * 100; ++tick) {
+    if (access(path.c_str(), F_OK) == 0) return true;
+    struct timespec pause = {0, 10 * 1000 * 1000};
+    nanosleep(&pause, nullptr);
+  }
+  return false;
+}
+
+TEST(OLIBCExecTest, PassesTheExitStatusThrough) {
+  struct Case {
+    const char* script;
+    int expected;
+  } cases[] = {
+      {"exit 0", 0}, {"exit 1", 1}, {"exit 42", 42}, {"exit 255", 255},
+      // Killed by a signal: there is no exit status to give.
+      {"kill -9 $$", -1},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(OLIBCExec("/bin/sh", "-c", c.script, nullptr, nullptr), c.expected) << c.script;
+  }
+  EXPECT_TRUE(NoChildren());
+}
+
+TEST(OLIBCExecTest, ReportsAProgramThatCannotStartAtOnceAndReapsIt) {
+  orvotest::MachineRoot root;
+  const std::string notExecutable = root.At("/script.sh");
+  root.WriteFile("/script.sh", "#!/bin/sh\nexit 0\n");
+  chmod(notExecutable.c_str(), 0644);
+
+  struct Case {
+    std::string path;
+    int error;
+  } cases[] = {
+      {root.At("/no/such/program"), ENOENT},
+      {root.At("/volume1"), EACCES},
+      // Even root needs an execute bit.
+      {notExecutable, EACCES},
+  };
+  for (const Case& c : cases) {
+    OLIBCErrSet(0);
+    EXPECT_EQ(OLIBCExec(c.path.c_str(), "x", nullptr, nullptr, nullptr), -1) << c.path;
+    EXPECT_EQ(errno, c.error) << c.path;
+    EXPECT_EQ(OLIBCErrGet(), c.error) << c.path;
+    EXPECT_TRUE(NoChildren()) << c.path;
+  }
+
+  const char* const noArgs[] = {nullptr};
+  EXPECT_EQ(OLIBCExecv("/bin/true", noArgs, 1), -1);
+  EXPECT_EQ(OLIBCExecv(nullptr, noArgs, 1), -1);
+  EXPECT_EQ(OLIBCErrGet(), EINVAL);
+}
+
+TEST_F(ProcessTest, ExecPassesArgumentsVerbatimWithoutAShell) {
+  const std::string out = Root().At("/out.txt");
+  const char* const argv[] = {"printf", "<%s>\\n",    "two words", "it's \"quoted\"",
+                              "a; rm -rf x", "$HOME",  "*",         "",
+                              nullptr};
+  int result = 0;
+  std::string printed =
+      CaptureStdout(out, [&] { return OLIBCExecv("/usr/bin/printf", argv, 1); }, &result);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(printed, "<two words>\n<it's \"quoted\">\n<a; rm -rf x>\n<$HOME>\n<*>\n<>\n");
+
+  // The four-argument form stops at the first null.
+  printed = CaptureStdout(
+      out, [] { return OLIBCExec("/usr/bin/printf", "[%s]", "a b", nullptr, "unused"); }, &result);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(printed, "[a b]");
+}
+
+TEST_F(ProcessTest, ExecChildGetsNullStdinAndNoStrayDescriptors) {
+  // A descriptor the engine opened without close-on-exec, at a number the
+  // child's own work would not reach.
+  int leaky = open(Root().At("/volume1").c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_GE(leaky, 0);
+  ASSERT_EQ(dup2(leaky, 57), 57);
+  close(leaky);
+  ASSERT_EQ(fcntl(57, F_GETFD) & FD_CLOEXEC, 0);
+
+  struct Case {
+    const char* fd;
+    int expected;  // readlink exits 0 when the link exists
+  } cases[] = {{"/proc/self/fd/1", 0}, {"/proc/self/fd/2", 0}, {"/proc/self/fd/57", 1}};
+  for (const Case& c : cases) {
+    int result = 0;
+    CaptureStdout(
+        Root().At("/out.txt"),
+        [&] { return OLIBCExec("/usr/bin/readlink", c.fd, nullptr, nullptr, nullptr); }, &result);
+    EXPECT_EQ(result, c.expected) << c.fd;
+  }
+  close(57);
+
+  // The engine's own stdin (here a file) is not the program's.
+  Root().WriteFile("/input", "engine input\n");
+  int savedStdin = dup(STDIN_FILENO);
+  int input = open(Root().At("/input").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(input, 0);
+  dup2(input, STDIN_FILENO);
+  close(input);
+  int result = 0;
+  std::string stdinTarget = CaptureStdout(
+      Root().At("/out.txt"),
+      [] { return OLIBCExec("/usr/bin/readlink", "/proc/self/fd/0", nullptr, nullptr, nullptr); },
+      &result);
+  dup2(savedStdin, STDIN_FILENO);
+  close(savedStdin);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(stdinTarget, "/dev/null\n");
+}
+
+TEST_F(ProcessTest, ExecChildStartsWithDefaultSignalsAndEmptyMask) {
+  // Ignored signals survive execve unless reset; a monitor ignores some.
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  struct sigaction oldTerm;
+  struct sigaction oldPipe;
+  sigaction(SIGTERM, &ignore, &oldTerm);
+  sigaction(SIGPIPE, &ignore, &oldPipe);
+  sigset_t usr1;
+  sigset_t oldMask;
+  sigemptyset(&usr1);
+  sigaddset(&usr1, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &usr1, &oldMask);
+
+  int result = 0;
+  std::string status = CaptureStdout(
+      Root().At("/out.txt"),
+      [] { return OLIBCExec("/bin/grep", "-E", "^Sig(Ign|Blk)", "/proc/self/status", nullptr); },
+      &result);
+
+  sigprocmask(SIG_SETMASK, &oldMask, nullptr);
+  sigaction(SIGTERM, &oldTerm, nullptr);
+  sigaction(SIGPIPE, &oldPipe, nullptr);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(status, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+}
+
+TEST_F(ProcessTest, DetachedExecLeavesNothingToReap) {
+  const std::string marker = Root().At("/started");
+  const char* const argv[] = {"touch", marker.c_str(), nullptr};
+  EXPECT_EQ(OLIBCExecv("/usr/bin/touch", argv, 0), 0);
+  EXPECT_TRUE(NoChildren());
+  EXPECT_TRUE(WaitForFile(marker, 10));
+
+  const std::string missing = Root().At("/missing");
+  const char* const missingArgv[] = {"missing", nullptr};
+  EXPECT_EQ(OLIBCExecv(missing.c_str(), missingArgv, 0), -1);
+  EXPECT_EQ(OLIBCErrGet(), ENOENT);
+  EXPECT_TRUE(NoChildren());
+}
+
+TEST_F(ProcessTest, ForkChildNoWaitRunsADetachedChild) {
+  const std::string report = Root().At("/child.txt");
+  const pid_t caller = getpid();
+  int result = OLIBCProcForkChildNoWait();
+  if (result == 0) {
+    // The detached child: report who it is and who its parent is, then leave
+    // without running anything of the test framework.
+    std::ofstream(report + ".tmp") << getpid() << " " << getppid() << "\n";
+    rename((report + ".tmp").c_str(), report.c_str());
+    _exit(0);
+  }
+  ASSERT_EQ(result, 1);
+  EXPECT_TRUE(NoChildren());
+  ASSERT_TRUE(WaitForFile(report, 10));
+  std::istringstream text(ReadAll(report));
+  pid_t childPid = 0;
+  pid_t childParent = 0;
+  text >> childPid >> childParent;
+  EXPECT_GT(childPid, 0);
+  EXPECT_NE(childPid, caller);
+  EXPECT_NE(childParent, caller) << "the child must not be the caller's own child";
+}
+
+TEST(OLIBCProcAliveTest, TellsRunningFromEndedProcesses) {
+  EXPECT_TRUE(OLIBCProcAlive(getpid()));
+  EXPECT_TRUE(OLIBCProcAlive(1));
+  for (pid_t bad : {0, -1, -12345}) EXPECT_FALSE(OLIBCProcAlive(bad)) << bad;
+
+  pid_t sleeper = orvotest::StartChild([] {
+    pause();
+    return 0;
+  });
+  ASSERT_GT(sleeper, 0);
+  EXPECT_TRUE(OLIBCProcAlive(sleeper)) << "running child";
+
+  // Ended but not reaped: kill() still finds it, yet it is not alive.
+  kill(sleeper, SIGTERM);
+  siginfo_t info = {};
+  ASSERT_EQ(waitid(P_PID, sleeper, &info, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(kill(sleeper, 0), 0);
+  EXPECT_FALSE(OLIBCProcAlive(sleeper)) << "zombie";
+
+  EXPECT_EQ(orvotest::WaitForChild(sleeper, 10), -1);  // killed by SIGTERM
+  EXPECT_FALSE(OLIBCProcAlive(sleeper)) << "reaped";
+}
+
+TEST(OLIBCErrTest, EachThreadHasItsOwnSlot) {
+  OLIBCErrSet(0x2900);
+  int seenInChildThread = -1;
+  std::thread other([&] {
+    seenInChildThread = OLIBCErrGet();
+    OLIBCErrSet(0xDD00);
+  });
+  other.join();
+  EXPECT_EQ(seenInChildThread, 0);
+  EXPECT_EQ(OLIBCErrGet(), 0x2900);
+}
+
+}  // namespace

@@ -1,0 +1,42 @@
+// Media files for tests, generated with the ffmpeg CLI from its lavfi sources
+// on first use and cached (ORVOVTE_TEST_MEDIA_CACHE) across test processes.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvotest {
+
+enum class Media {
+  kH264AacMp4,       // H.264 320x240 at 24000/1001 fps + AAC stereo "eng", 2 s
+  kTracksMkv,        // H.264 + AAC "eng" + AC-3 "jpn" (default) + SubRip "fre"
+                     // titled + a text attachment (demuxed last)
+  kAc3DataTs,        // MPEG-2 video, a data stream, AC-3 5.1 "eng", MP2 "ger"
+  kRotatedMp4,       // kH264AacMp4 re-muxed with rotate=270 (probes as 90)
+  kSar4x3Mp4,        // H.264 with a 4:3 sample aspect ratio in the bitstream
+  kNoSarMp4,         // H.264 with no sample aspect ratio anywhere, 1 s
+  kContainerSarMkv,  // kNoSarMp4 shown 16:9 by the container alone
+  kAudioOnlyMp3,     // MP3 mono 44.1 kHz
+  kVideoOnlyAvi,     // MPEG-4 part 2, tag FMP4, 25 fps
+  kVp9VorbisWebm,    // VP9 + Vorbis
+  kTruncatedMp4,     // the first 4096 bytes of kH264AacMp4 (no 'moov')
+  kNotMedia,         // plain text that no demuxer accepts
+};
+
+// Every kind, in declaration order.
+const std::vector<Media>& AllMedia();
+
+// A short name for messages ("h264_aac.mp4").
+std::string MediaName(Media kind);
+
+// The path of the generated file, generating it when the cache lacks it; ""
+// (with a gtest failure recorded) when generation fails.
+std::string TestMedia(Media kind);
+
+// Runs `argv` (argv[0] looked up in PATH) with stdin, stdout and stderr on
+// /dev/null and waits at most `timeoutSeconds`. The exit status, or -1 when
+// it could not be started, was killed by a signal, or was late (then it is
+// killed and reaped).
+int RunQuietly(const std::vector<std::string>& argv, int timeoutSeconds);
+
+}  // namespace orvotest

@@ -1,0 +1,65 @@
+#include "vte/utils/json_utils.h"
+
+#include <stdio.h>
+
+#include <exception>
+#include <sstream>
+
+#include "platform/log.h"
+
+namespace LibReelhall {
+namespace {
+
+constexpr char kLogTag[] = "json_utils";
+
+// libstdc++'s file streams cannot ask for O_CLOEXEC; a stdio FILE opened
+// with "e" can, and its content is handed to the parser as a stream.
+bool ReadWholeFile(const std::string& path, std::string& content) {
+  FILE* file = fopen(path.c_str(), "re");
+  if (file == nullptr) return false;
+  char chunk[8192];
+  size_t count;
+  while ((count = fread(chunk, 1, sizeof(chunk), file)) > 0) content.append(chunk, count);
+  const bool ok = ferror(file) == 0;
+  fclose(file);
+  return ok;
+}
+
+}  // namespace
+
+bool ReadJsonFromFile(const std::string& path, Json::Value& out) {
+  if (path.empty()) return false;
+  std::string content;
+  if (!ReadWholeFile(path, content)) return false;
+  try {
+    std::istringstream stream(content);
+    Json::Reader reader;
+    return reader.parse(stream, out, true);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool WriteJsonToFile(const std::string& path, const Json::Value& value) {
+  if (path.empty()) {
+    librh::log::Write(LOG_ERR, kLogTag, 55, "Bad parameter");
+    return false;
+  }
+  bool written = false;
+  try {
+    const std::string text = Json::FastWriter().write(value);
+    FILE* file = fopen(path.c_str(), "we");
+    if (file != nullptr) {
+      written = fwrite(text.data(), 1, text.size(), file) == text.size();
+      written = (fclose(file) == 0) && written;
+    }
+  } catch (const std::exception&) {
+    written = false;
+  }
+  if (!written) {
+    librh::log::Write(LOG_ERR, kLogTag, 63, "failed to write json file[%s]", path.c_str());
+  }
+  return written;
+}
+
+}  // namespace LibReelhall
