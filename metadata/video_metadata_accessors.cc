@@ -177,7 +177,9 @@ unsigned int VideoMetaData::GetVideoRotate() const { return GetFirstVideoMemberU
 
 std::string VideoMetaData::GetVideoProfile() const { return TrackString(GetVideo(0), "profile"); }
 
-std::string VideoMetaData::GetVideoCodecTag() const { return TrackString(GetVideo(0), "codec_tag"); }
+std::string VideoMetaData::GetVideoCodecTag() const {
+  return TrackString(GetVideo(0), "codec_tag");
+}
 
 std::string VideoMetaData::GetVideoCodecName() const { return TrackString(GetVideo(0), "codec"); }
 

@@ -2,6 +2,7 @@
 //
 //   vtetool probe <file>    the metadata document of a media file
 //
+// Each command is one row of kCommands: a name, its arguments and a function.
 // Exit status: 0 on success, 1 when the command failed, 2 on bad usage.
 extern "C" {
 #include <libavutil/log.h>
@@ -9,9 +10,9 @@ extern "C" {
 
 #include <json/json.h>
 
-#include <cstdio>
 #include <exception>
 #include <iostream>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -59,13 +60,17 @@ constexpr Command kCommands[] = {
     {"probe", "<file>", "print the metadata document of a media file", 1, Probe},
 };
 
-int Usage() {
-  std::cerr << "usage: vtetool <command> [arguments]\n\ncommands:\n";
+void PrintUsage(std::ostream& out) {
+  out << "usage: vtetool <command> [arguments]\n\ncommands:\n";
   for (const Command& command : kCommands) {
     std::string synopsis = std::string(command.name) + " " + command.arguments;
     synopsis.resize(24, ' ');
-    std::cerr << "  " << synopsis << command.summary << "\n";
+    out << "  " << synopsis << command.summary << "\n";
   }
+}
+
+int Usage() {
+  PrintUsage(std::cerr);
   return kUsage;
 }
 
@@ -74,6 +79,10 @@ int Usage() {
 int main(int argc, char** argv) {
   if (argc < 2) return Usage();
   const std::string name = argv[1];
+  if (name == "help" || name == "-h" || name == "--help") {
+    PrintUsage(std::cout);
+    return 0;
+  }
   const Arguments arguments(argv + 2, argv + argc);
   for (const Command& command : kCommands) {
     if (name != command.name) continue;
@@ -88,5 +97,6 @@ int main(int argc, char** argv) {
       return kFailed;
     }
   }
+  std::cerr << "vtetool: unknown command '" << name << "'" << std::endl;
   return Usage();
 }
