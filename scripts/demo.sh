@@ -18,3 +18,7 @@ ffmpeg -hide_banner -loglevel error -f lavfi -i "testsrc2=size=1280x720:rate=240
   -c:v libx264 -preset veryfast -c:a aac -shortest "$clip"
 
 build/tools/vtetool probe "$clip"
+
+echo
+echo "== an HLS session for it =="
+build/tools/vtetool session "$clip" HLS tools/profiles/hls.json hls_hd720_x264_vb2048_aac_ab128 browser

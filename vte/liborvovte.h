@@ -10,6 +10,7 @@
 #include <json/json.h>
 
 #include <string>
+#include <vector>
 
 #include "metadata/vtemetadata.h"
 
@@ -58,6 +59,36 @@ class VTEStream {
   // Whether the load registry admits this stream's transcoder; may ask the
   // offline conversion service to yield when `stopOfflineConversion`.
   bool CheckTransLoading(bool stopOfflineConversion);
+
+  // Turns the calling (already forked) process into the ffmpeg transcoder of
+  // this session, registered in the load registry unless it only remuxes.
+  // Returns only on failure (false).
+  bool ExecuteTranscoding(long seekSeconds, bool copyTimestamps,
+                          const std::vector<std::string>& arguments, const std::string& output,
+                          const std::string& program);
+  // The same with a GStreamer pipeline built from the session's profile;
+  // `sink` is the pipeline's tail.
+  bool ExecuteGstreamerTranscoding(long seekSeconds, const std::vector<std::string>& sink,
+                                   const std::string& program, bool shiftTimestamps);
+  // Records `pid` (when > 0) as the session's monitor under "filelock",
+  // sending SIGTERM to the one recorded before and, when `waitForOld`,
+  // waiting up to five seconds for it to end.
+  bool SaveMonitorPid(int pid, bool waitForOld) const;
+  // Whether the recorded monitor is alive.
+  bool IsFFmpegRun() const;
+  // Stops the monitor and removes the session's volume directory and link.
+  bool CloseStreamCommon();
+  bool RemoveTransDir();
+
+  // Option lists with the audio encoder forced to `format` ("copy", "mp3",
+  // "aac"), and with the "-s" size fitted to the source.
+  std::vector<std::string> ForceFFmpegAudioFormat(const std::vector<std::string>& options,
+                                                  const std::string& format);
+  std::vector<std::string> ForceFFmpegVideoSize(const std::vector<std::string>& options,
+                                                bool noAspect) const;
+  // The audio track id the client asked for ("" when none was saved).
+  std::string GetRequestAudioID() const;
+  bool IsSourceAudioCodec(const std::string& codec) const;
 
  protected:
   // Reattaches to the session `streamId` of `type`: loads its metadata and

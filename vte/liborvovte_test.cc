@@ -162,6 +162,26 @@ TEST_F(SessionTest, MissingProfileAbandonsTheSession) {
   EXPECT_TRUE(log.Contains("VTEMetaData.ParserMetaData(noprofile, HTTP) failed")) << log.Dump();
 }
 
+// A profile that cannot be read leaves no session a later request could use.
+TEST_F(SessionTest, UnusableProfileFilesLeaveNoUsableSession) {
+  const std::string notJson = root_.At("/not.json");
+  std::ofstream(notJson) << "hls = -vcodec copy";
+  const std::string directory = root_.At("/profiles.d");
+  fs::create_directories(directory);
+  for (const std::string& file : {notJson, directory, root_.At("/missing.json")}) {
+    orvotest::LogCapture log;
+    Json::Value params;
+    params["stream_id"] = "bad";
+    EXPECT_EQ("", VTEStream::VTE_Init(clip_, "HLS", params, file, "encode", "", 0)) << file;
+    EXPECT_TRUE(log.Has(LOG_ERR, "vtemetadata:93 Failed to copy transcoding profile [encode] in [" +
+                                     file + "]"))
+        << log.Dump();
+    SessionView later("bad", "HLS");
+    EXPECT_EQ("", later.profileArgs()) << file;
+    EXPECT_EQ(0u, later.metadata().GetDuration()) << file;
+  }
+}
+
 TEST_F(SessionTest, EmptyArgumentsCreateNothing) {
   EXPECT_EQ("", VTEStream::VTE_Init("", "HLS", Json::Value(), profiles_, "encode", "", 0));
   EXPECT_EQ("", VTEStream::VTE_Init(clip_, "", Json::Value(), profiles_, "encode", "", 0));
@@ -220,6 +240,30 @@ TEST(SessionPlatformTest, HardwareFlagsFollowThePlatform) {
     });
     EXPECT_EQ(0, status) << c.platform << " " << c.profile;
   }
+}
+
+// Every later request is another process: what it sees is only what the
+// session left on disk. The sample profiles are the callers' own files.
+TEST(SessionSampleProfilesTest, SessionReloadsInAnotherProcess) {
+  orvotest::MachineRoot root;
+  const std::string profiles = std::string(ORVOVTE_SAMPLE_PROFILES) + "/hls.json";
+  const std::string clip = orvotest::TestMedia(Media::kH264AacMp4);
+  EXPECT_TRUE(VTEStream::IsRemux(profiles, "hls_remux_h264_aac_ab128"));
+  EXPECT_FALSE(VTEStream::IsRemux(profiles, "hls_hd720_x264_vb2048_aac_ab128"));
+  EXPECT_FALSE(VTEStream::IsRemux(profiles, "absent"));
+
+  const std::string id = VTEStream::VTE_Init(clip, "HLS", Json::Value(), profiles,
+                                             "hls_remux_h264_aac_ab128", "tv", 0);
+  ASSERT_FALSE(id.empty());
+  int status = orvotest::RunInChild([&id, &clip] {
+    SessionView stream(id, "HLS");
+    if (!stream.remux()) return 1;
+    if (stream.metadata().GetFilePath() != clip) return 2;
+    if (stream.metadata().GetDevice() != "tv") return 3;
+    if (stream.metadata().GetProfileKey() != "hls_remux_h264_aac_ab128") return 4;
+    return 0;
+  });
+  EXPECT_EQ(0, status);
 }
 
 TEST(SessionPathTest, FilePathsInTheSession) {
