@@ -1,6 +1,7 @@
 // What the transcoder may do with one media file on this machine: whether its
 // audio can be decoded and its video transcoded (by hardware or software), the
-// output size for a named size, and which encoders to name.
+// output size for a named size, which encoders to name, and which GStreamer
+// elements to chain in front of the encoders.
 //
 // Every answer comes from a private copy of the file's metadata and from the
 // platform predicates; configuration files are read afresh on each question
@@ -10,6 +11,7 @@
 #include <json/json.h>
 
 #include <string>
+#include <vector>
 
 #include "metadata/video_metadata.h"
 
@@ -99,6 +101,31 @@ class ArgumentHelper {
 
   // True only when the file's audio list exists and is empty.
   bool ZeroAudioTrack();
+
+  // Pipeline words, in order, for the GStreamer transcoder. "!" links two
+  // elements; the caller joins the lists into one pipeline.
+  //
+  // The demuxer for the container, named "demux" and followed by a queue.
+  // Falls back to "decodebin" for containers without a dedicated demuxer,
+  // which the video and audio choices below must know: call it first.
+  std::vector<std::string> GetGstreamDemuxer();
+  // The video parser and decoder for the first video track and this
+  // platform's engine; empty after a "decodebin" demuxer.
+  std::vector<std::string> GetGstreamVideoArgument() const;
+  // The audio parser and decoder for `codec`. `parseOnly`: the compressed
+  // audio is copied, so only a parser is needed where one exists.
+  std::vector<std::string> GetGstreamAudioDecoder(const std::string& codec, bool parseOnly) const;
+  // A queue and GetGstreamAudioDecoder for the track of `audioId`; empty when
+  // there is no such track.
+  std::vector<std::string> GetGstreamAudioArgument(const std::string& audioId,
+                                                   bool parseOnly) const;
+  // The demuxer's source pad of the track of `audioId` ("demux.audio_c0"),
+  // or "demux." (any pad) when there is no such track or the demuxer names
+  // its pads otherwise.
+  std::string GetGstreamAudioMap(const std::string& audioId) const;
+  // FFmpeg "-map" arguments for the first video track and the track of
+  // `audioId`; empty when either is missing, so FFmpeg picks its defaults.
+  std::vector<std::string> GetVideoAudioMap(const std::string& audioId) const;
 
  private:
   VideoMetaData metaData;

@@ -12,7 +12,6 @@
 #include "platform/olibc.h"
 #include "platform/orvofs.h"
 #include "platform/volume.h"
-#include "vte/utils/json_utils.h"
 #include "vte/utils/md5.h"
 
 namespace LibOrvoVTE {
@@ -171,16 +170,9 @@ std::string VTEStream::GetVTEFileFullPath(const std::string& name) const {
 }
 
 bool VTEStream::IsRemux(const std::string& profileFile, const std::string& profileName) {
-  if (profileFile.empty() || profileName.empty()) return false;
-  try {
-    Json::Value profiles;
-    if (!LibReelhall::ReadJsonFromFile(profileFile, profiles)) return false;
-    if (!profiles.isObject() || !profiles.isMember(profileName)) return false;
-    const Json::Value& value = profiles[profileName];
-    return value.isString() && Contains(value.asString(), kRemuxMarker);
-  } catch (const std::exception&) {
-    return false;
-  }
+  Json::Value profile(Json::objectValue);
+  if (!VTEMetaData::ReadTransProfile(profileFile, profileName, profile)) return false;
+  return Contains(profile["profile_value"].asString(), kRemuxMarker);
 }
 
 bool VTEStream::GetTrackInfo(const std::string& path, Json::Value& out1, Json::Value& out2) {

@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/machine_root.h"
+#include "vte/liborvovte.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+class Stream : public VTEStream {
+ public:
+  explicit Stream(const std::string& id) : VTEStream(id, "HLS") {}
+};
+
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream in(text);
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
+
+// An empty word shows as a trailing blank.
+std::string Join(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+  return text;
+}
+
+// The session `id` as VTE_Init leaves it: a 1920x800 video with sample aspect
+// `sar`:`sar` turned by `rotate`, an AAC track "1" and an AC-3 track "2".
+void WriteSession(const orvotest::MachineRoot& root, const std::string& id, int sar, int rotate,
+                  const std::string& profile) {
+  const std::string sarText = std::to_string(sar);
+  root.WriteFile("/tmp/Reelhall/HLS/" + id + "/video_metadata",
+                 R"({"container_type":"matroska,webm","profile_value":")" + profile +
+                     R"(","track_info":{"video":[{"id":"0","track":"0","codec":"h264",)"
+                     R"("resolutionx":1920,"resolutiony":800,"sample_aspect_ratio_num":)" +
+                     sarText + R"(,"sample_aspect_ratio_den":)" + sarText +
+                     R"(,"rotate":)" + std::to_string(rotate) +
+                     R"(}],"audio":[{"id":"1","track":"1","codec":"aac"},)"
+                     R"({"id":"2","track":"2","codec":"ac3"}]}})");
+}
+
+TEST(ForcedOptionsTest, AudioEncoderForcedToTheFormat) {
+  orvotest::MachineRoot root;
+  Stream stream("none");
+  const char* rows[][3] = {
+      {"-acodec libmp3lame -ab 128k", "copy", "-acodec copy"},
+      {"-acodec libmp3lame -ab 128k", "aac", "-acodec libfdk_aac -ab 128k"},
+      {"-ar 44100 -vcodec copy -ac 2 -acodec aac", "copy", "-vcodec copy -acodec copy"},
+      {"-acodec aac -ac 2", "mp3", "-acodec libshine -ac 2"},
+      {"-ab 64k", "aac", "-ab 64k"},
+      {"-acodec aac", "opus", "-acodec "},
+      {"", "copy", ""},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(row[2], Join(stream.ForceFFmpegAudioFormat(Split(row[0]), row[1])))
+        << row[0] << " to " << row[1];
+  }
+}
+
+TEST(ForcedOptionsTest, VideoSizeFittedToTheSource) {
+  orvotest::MachineRoot root;
+  WriteSession(root, "square", 0, 0, "-vcodec libx264");
+  WriteSession(root, "sar", 1, 0, "-vcodec libx264");
+  WriteSession(root, "turned", 0, 90, "-vcodec libx264");
+  struct Row {
+    const char* session;
+    const char* options;
+    bool noAspect;
+    const char* forced;
+  } rows[] = {
+      {"square", "-vcodec x -s hd720 -r 25", false, "-vcodec x -s 1280x720 -aspect 1.77778 -r 25"},
+      {"square", "-vcodec x -s hd720 -r 25", true, "-vcodec x -s 1280x532 -r 25"},
+      // ffmpeg carries a source's own sample aspect ratio over by itself.
+      {"sar", "-s hd720", false, "-s 1280x720"},
+      {"turned", "-s hd720", false, "-s 720x1280 -aspect 0.5625"},
+      {"turned", "-s hd720", true, "-s 300x720"},
+      {"square", "hd720 -s", false, "hd720 -s"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(row.forced,
+              Join(Stream(row.session).ForceFFmpegVideoSize(Split(row.options), row.noAspect)))
+        << row.session << " " << row.options << " noAspect " << row.noAspect;
+  }
+
+  orvotest::LogCapture log;
+  EXPECT_EQ("-s hd4k", Join(Stream("square").ForceFFmpegVideoSize(Split("-s hd4k"), false)));
+  ASSERT_EQ(1u, log.Lines().size()) << log.Dump();
+  EXPECT_TRUE(log.Lines()[0].priority == LOG_ERR &&
+              std::regex_match(log.Lines()[0].text,
+                               std::regex("liborvovte:[0-9]+ Failed to GetTransVideoSize")))
+      << log.Dump();
+}
+
+// The platform is read once per process; this case plays Evansport alone.
+TEST(ForcedOptionsTest, HardwareGetsTheFittedSizeWithoutAspect) {
+  orvotest::PlatformFiles evansport;
+  evansport.name = "evansport";
+  orvotest::MachineRoot root(evansport);
+  WriteSession(root, "hw", 0, 0, "-vcodec h264_smd -s hd720");
+  EXPECT_EQ("-s 1280x532", Join(Stream("hw").ForceFFmpegVideoSize(Split("-s hd720"), false)));
+}
+
+TEST(ForcedOptionsTest, RequestedAudioTrack) {
+  orvotest::MachineRoot root;
+  WriteSession(root, "audio", 0, 0, "-vcodec libx264");
+  Stream stream("audio");
+  // Without a saved choice the first audio track is meant.
+  EXPECT_TRUE(stream.GetRequestAudioID().empty() && stream.IsSourceAudioCodec("aac") &&
+              !stream.IsSourceAudioCodec("ac3"));
+  root.WriteFile("/tmp/Reelhall/HLS/audio/audio_id", "2");
+  EXPECT_EQ("2", stream.GetRequestAudioID());
+  EXPECT_TRUE(stream.IsSourceAudioCodec("ac3") && !stream.IsSourceAudioCodec("aac"));
+}
+
+}  // namespace
+}  // namespace LibOrvoVTE
