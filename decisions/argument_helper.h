@@ -127,6 +127,9 @@ class ArgumentHelper {
   // `audioId`; empty when either is missing, so FFmpeg picks its defaults.
   std::vector<std::string> GetVideoAudioMap(const std::string& audioId) const;
 
+  // Whether GetGstreamDemuxer fell back to "decodebin".
+  bool IsDemuxByDecodebin() const { return demuxByDecodebin; }
+
  private:
   VideoMetaData metaData;
   // Set when no specific demuxer fits the container and "decodebin" is used;

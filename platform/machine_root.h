@@ -29,6 +29,11 @@ inline constexpr char kConversionPidFile[] = "/run/orvovideoconversiond.pid";
 // Data volumes are mounted as /volume1, /volume2, ...
 inline constexpr char kVolumePattern[] = "/volume[0-9]*";
 
+// System programs the engine runs. They belong to the operating system, not
+// to the NAS, so they are never resolved under the machine root.
+inline constexpr char kRemoveProgram[] = "/bin/rm";
+inline constexpr char kFindProgram[] = "/bin/find";
+
 // The prefix in force now ("" for the real machine). Read on every call so a
 // test can switch roots between cases.
 std::string Root();

@@ -1,24 +1,52 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and plays the main job in a throw-away
-# machine root: a generated clip, probed by the library.
+# The demo: installs what is missing, builds, and serves a sample (or the
+# video you name) through the reference web API on 127.0.0.1, where a
+# browser plays it as HLS, Smooth Streaming, WebM and progressive MPEG-TS.
+#
+#   scripts/demo.sh [--port N] [--check] [VIDEO]
+#
+# --check plays every kind in headless Chromium, prints the result and stops
+# the server instead of waiting for Ctrl-C.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+port=8080 check=0 video=
+while (($#)); do
+  case $1 in
+    --port) port=$2; shift 2 ;;
+    --check) check=1; shift ;;
+    -h | --help) sed -n '2,9p' "$0"; exit 0 ;;
+    *) video=$(realpath "$1"); shift ;;
+  esac
+done
+
 scripts/install-deps.sh
 scripts/build.sh
+tools/webapi/setup.sh packages
+
+if ((check)); then
+  # The browser tests are the check: every kind plays, seeks land on the
+  # right picture, subtitles load, errors show, nothing is left running.
+  exec node tests/browser/playback.mjs --build build
+fi
 
 work=$(mktemp -d /tmp/orvovte-demo-XXXXXX)
-trap 'rm -rf "$work"' EXIT
-export ORVOVTE_MACHINE_ROOT="$work/root"
-mkdir -p "$ORVOVTE_MACHINE_ROOT/volume1"
+media=$work/media
+tools/webapi/make-sample.sh "$media"
+if [[ -n $video ]]; then
+  ln -s "$video" "$media/$(basename "$video")"
+  for subtitles in "${video%.*}".*.srt; do
+    [[ -e $subtitles ]] && ln -s "$subtitles" "$media/$(basename "$subtitles")"
+  done
+fi
 
-clip="$work/sample.mp4"
-ffmpeg -hide_banner -loglevel error -f lavfi -i "testsrc2=size=1280x720:rate=24000/1001:duration=10" \
-  -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=10" -ac 2 \
-  -c:v libx264 -preset veryfast -c:a aac -shortest "$clip"
-
-build/tools/vtetool probe "$clip"
-
+tools/webapi/setup.sh serve --build build --media "$media" --port "$port" --state "$work/state" &
+server=$!
+trap 'kill $server 2>/dev/null; wait $server 2>/dev/null; rm -rf "$work"' EXIT INT TERM
+for _ in $(seq 50); do
+  curl -fs "http://127.0.0.1:$port/api/files" >/dev/null && break
+  sleep 0.2
+done
 echo
-echo "== an HLS session for it =="
-build/tools/vtetool session "$clip" HLS tools/profiles/hls.json hls_hd720_x264_vb2048_aac_ab128 browser
+echo "The player page: http://127.0.0.1:$port/  (Ctrl-C stops the server)"
+wait $server

@@ -30,7 +30,7 @@ std::string EncoderFor(const std::string& format) {
 }  // namespace
 
 std::vector<std::string> VTEStream::ForceFFmpegAudioFormat(
-    const std::vector<std::string>& options, const std::string& format) {
+    const std::vector<std::string>& options, const std::string& format) const {
   const std::string encoder = EncoderFor(format);
   const bool copy = format == "copy";
   std::vector<std::string> forced;

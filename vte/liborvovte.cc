@@ -40,6 +40,18 @@ bool Contains(const std::string& text, const char* word) {
   return text.find(word) != std::string::npos;
 }
 
+// A stream id names a directory under the temp root and reaches every path of
+// the session, and it may come from a client: only a plain, printable name
+// keeps the session's files inside the session directory.
+bool IsSafeStreamId(const std::string& id) {
+  if (id.find_first_not_of(" \t") == std::string::npos) return false;
+  if (id == "." || id == ".." || id.find('/') != std::string::npos) return false;
+  for (unsigned char c : id) {
+    if (c < 0x20 || c == 0x7f) return false;
+  }
+  return true;
+}
+
 unsigned long long SpaceToAsk(const std::string& type, bool remux, unsigned long long needed) {
   if (type == "HLS" && remux) return needed != 0 ? needed : kRemuxHlsSpace;
   return kDefaultSpace;
@@ -56,6 +68,10 @@ std::string VTEStream::VTE_Init(const std::string& path, const std::string& type
     std::string id;
     if (params.isObject() && params.isMember("stream_id") && params["stream_id"].isString()) {
       id = params["stream_id"].asString();
+      if (!IsSafeStreamId(id)) {
+        ORVO_LOG(LOG_ERR, "Bad parameter");
+        return "";
+      }
     } else {
       const std::string digest = LibReelhall::GetMD5(path);
       if (digest.empty()) return "";
@@ -78,13 +94,13 @@ std::string VTEStream::VTE_Init(const std::string& path, const std::string& type
 }
 
 VTEStream::VTEStream(const std::string& streamId, const std::string& type)
-    : streamId_(streamId),
+    : streamId_(IsSafeStreamId(streamId) ? streamId : ""),
       type_(type),
       remux_(false),
       hardware_(false),
-      metadata_(streamId, type),
+      metadata_(streamId_, type),
       gstreamer_(false) {
-  if (streamId_ == kTransSpaceNotEnough) return;
+  if (streamId_.empty() || streamId_ == kTransSpaceNotEnough) return;
   metadata_.LoadMetaData();
   profileArgs_ = metadata_.GetProfileValue();
   if (profileArgs_.empty()) return;

@@ -16,14 +16,24 @@
 
 namespace LibOrvoVTE {
 
-// Returned by VTE_Init in place of an id when no volume has the space; the
-// spelling is the one clients compare against.
+// Error codes a stream reports (GetErrorString). Clients match on these
+// texts, misspellings included.
+// Also returned by VTE_Init in place of an id when no volume has the space.
 inline constexpr char kTransSpaceNotEnough[] = "TransSapceNotEnough";
+inline constexpr char kErrAudioNotSupported[] = "TransAudioNotSupported";
+inline constexpr char kErrVideoNotSupported[] = "TransVideoNotSupported";
+inline constexpr char kErrVideoNotHardwareSupported[] = "TransVideoNotHardwareSupported";
+inline constexpr char kErrVideoResolution[] = "TransVideoOutOfResolutionCapability";
+inline constexpr char kErrVideoProfile[] = "TransVideoOutOfProfileCapability";
+inline constexpr char kErrVideoFramerate[] = "TransVideoOutOfFramerateCapability";
+inline constexpr char kErrOfflineConverting[] = "TransEnableOfflineConverting";
+inline constexpr char kErrTransEnable[] = "TransEnable";
 
 class VTEStream {
  public:
   // Creates a session for `path` and returns its id; kTransSpaceNotEnough
-  // when no volume has the space; "" on any other failure.
+  // when no volume has the space; "" on any other failure, including a
+  // "stream_id" in `params` that is not a plain name.
   static std::string VTE_Init(const std::string& path, const std::string& type,
                               const Json::Value& params, const std::string& profileFile,
                               const std::string& profileName, const std::string& device,
@@ -83,7 +93,7 @@ class VTEStream {
   // Option lists with the audio encoder forced to `format` ("copy", "mp3",
   // "aac"), and with the "-s" size fitted to the source.
   std::vector<std::string> ForceFFmpegAudioFormat(const std::vector<std::string>& options,
-                                                  const std::string& format);
+                                                  const std::string& format) const;
   std::vector<std::string> ForceFFmpegVideoSize(const std::vector<std::string>& options,
                                                 bool noAspect) const;
   // The audio track id the client asked for ("" when none was saved).
@@ -92,7 +102,9 @@ class VTEStream {
 
  protected:
   // Reattaches to the session `streamId` of `type`: loads its metadata and
-  // derives the remux, hardware and GStreamer flags from its profile.
+  // derives the remux, hardware and GStreamer flags from its profile. An id
+  // that is not a plain name (a "/", "." or "..", blank, control characters)
+  // leaves the stream with an empty id, so it reaches no file at all.
   VTEStream(const std::string& streamId, const std::string& type);
   VTEStream(const VTEStream&) = delete;
   VTEStream& operator=(const VTEStream&) = delete;

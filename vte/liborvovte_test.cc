@@ -109,6 +109,22 @@ TEST_F(SessionTest, NonStringStreamIdIsIgnored) {
   EXPECT_EQ(0u, id.find(LibReelhall::GetMD5(clip_) + "_")) << id;
 }
 
+// Ids come from clients: none may lead outside the session directory.
+TEST_F(SessionTest, HostileStreamIdsAreRefused) {
+  for (const std::string id : {"../escape", "a/b", ".", "..", "  ", "", "tab\there", "nl\n"}) {
+    Json::Value params;
+    params["stream_id"] = id;
+    EXPECT_EQ("", Create("HLS", "encode", 0, params)) << "[" << id << "]";
+    SessionView stream(id, "HLS");
+    EXPECT_EQ("", stream.GetStreamID()) << "[" << id << "]";
+    EXPECT_EQ("", stream.GetVTEFileFullPath("video_metadata")) << "[" << id << "]";
+  }
+  EXPECT_FALSE(fs::exists(root_.At("/tmp/escape")));
+  EXPECT_FALSE(fs::exists(root_.At("/tmp/Reelhall/escape")));
+  std::error_code error;
+  EXPECT_TRUE(fs::is_empty(root_.At("/tmp/Reelhall/HLS"), error) || error) << "no session made";
+}
+
 TEST_F(SessionTest, StalePathIsReplacedByTheLink) {
   Json::Value params;
   params["stream_id"] = "stale";

@@ -1,6 +1,8 @@
 #include "tests/support/child.h"
 
+#include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -36,6 +38,42 @@ int WaitForChild(pid_t pid, int timeoutSeconds) {
 
 int RunInChild(const std::function<int()>& body, int timeoutSeconds) {
   return WaitForChild(StartChild(body), timeoutSeconds);
+}
+
+std::string TextFromChild(const std::function<std::string()>& body, int timeoutSeconds) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return "<child failed with status -1>";
+  const pid_t pid = StartChild([&] {
+    close(fds[0]);
+    const std::string text = body();
+    size_t done = 0;
+    while (done < text.size()) {
+      const ssize_t wrote = write(fds[1], text.data() + done, text.size() - done);
+      if (wrote <= 0) return 1;
+      done += wrote;
+    }
+    return 0;
+  });
+  close(fds[1]);
+  // The child may hang with the pipe open, so reading is bounded as well.
+  std::string text;
+  struct timespec start;
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  for (;;) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long leftMs = timeoutSeconds * 1000LL - ((now.tv_sec - start.tv_sec) * 1000LL +
+                                                        (now.tv_nsec - start.tv_nsec) / 1000000);
+    struct pollfd readable = {fds[0], POLLIN, 0};
+    if (pid < 0 || leftMs <= 0 || poll(&readable, 1, static_cast<int>(leftMs)) <= 0) break;
+    char chunk[4096];
+    const ssize_t got = read(fds[0], chunk, sizeof(chunk));
+    if (got <= 0) break;
+    text.append(chunk, got);
+  }
+  close(fds[0]);
+  const int status = WaitForChild(pid, 1);
+  return status == 0 ? text : "<child failed with status " + std::to_string(status) + ">";
 }
 
 bool DropToUnprivilegedUser() {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <string>
 
 namespace orvotest {
 
@@ -19,6 +20,10 @@ pid_t StartChild(const std::function<int()>& body);
 // Waits at most `timeoutSeconds` for `pid`; kills and reaps it when late.
 // Returns its exit status, or -1 as for RunInChild.
 int WaitForChild(pid_t pid, int timeoutSeconds = 30);
+
+// Runs `body` in a child as RunInChild does and hands back the text it
+// returned; "<child failed with status N>" when it did not end with 0 in time.
+std::string TextFromChild(const std::function<std::string()>& body, int timeoutSeconds = 30);
 
 // Drops every id of the calling process to the unprivileged "nobody" user
 // for good (real, effective and saved). False when that is impossible.

@@ -47,6 +47,9 @@ constexpr Entry kEntries[] = {
     {Media::kTruncatedMp4, "truncated.mp4"},
     // No extension: ".txt" alone makes libavformat try its tty demuxer.
     {Media::kNotMedia, "not_media"},
+    {Media::kLongH264Mp3Mkv, "long_h264_mp3.mkv"},
+    {Media::kLongLowResMp4, "long_160x120.mp4"},
+    {Media::kLongH264AacMp4, "long_h264_aac.mp4"},
 };
 
 long long NowMs() {
@@ -288,6 +291,25 @@ class MediaCache {
         Lavfi(args, "sine=frequency=440:sample_rate=48000:duration=2");
         args.insert(args.end(), {"-c:v", "libvpx-vp9", "-deadline", "realtime", "-cpu-used", "8",
                                  "-b:v", "200k", "-pix_fmt", "yuv420p", "-c:a", "libvorbis", "-ac", "2"});
+        return true;
+      case Media::kLongH264Mp3Mkv:
+        Lavfi(args, "testsrc=size=320x240:rate=15:duration=40");
+        Lavfi(args, "sine=frequency=440:sample_rate=44100:duration=40");
+        args.insert(args.end(), h264.begin(), h264.end());
+        args.insert(args.end(), {"-c:a", "libmp3lame", "-b:a", "64k", "-ac", "2"});
+        return true;
+      case Media::kLongLowResMp4:
+        Lavfi(args, "testsrc=size=160x120:rate=10:duration=130");
+        Lavfi(args, "sine=frequency=440:sample_rate=48000:duration=130");
+        args.insert(args.end(), h264.begin(), h264.end());
+        args.insert(args.end(), {"-g", "10", "-c:a", "aac", "-b:a", "32k", "-ac", "2"});
+        return true;
+      case Media::kLongH264AacMp4:
+        // Long enough for seeks across a dozen 8-second remux segments.
+        Lavfi(args, "testsrc=size=160x120:rate=10:duration=100");
+        Lavfi(args, "sine=frequency=440:sample_rate=48000:duration=100");
+        args.insert(args.end(), h264.begin(), h264.end());
+        args.insert(args.end(), {"-g", "10", "-c:a", "aac", "-b:a", "48k", "-ac", "2"});
         return true;
       default:
         return false;

@@ -21,6 +21,10 @@ enum class Media {
   kVp9VorbisWebm,    // VP9 + Vorbis
   kTruncatedMp4,     // the first 4096 bytes of kH264AacMp4 (no 'moov')
   kNotMedia,         // plain text that no demuxer accepts
+  kLongH264Mp3Mkv,   // H.264 320x240 at 15 fps + MP3 stereo 44.1 kHz, 40 s
+  kLongLowResMp4,    // H.264 160x120 at 10 fps, a keyframe each second, + AAC stereo
+                     // 48 kHz, 130 s: long enough to seek to 60 and 120 s
+  kLongH264AacMp4,   // H.264 160x120 at 10 fps, a keyframe every second, + AAC, 100 s
 };
 
 // Every kind, in declaration order.

@@ -1,0 +1,217 @@
+// Progressive HTTP playback, for one profile: how the length announced
+// before transcoding (VTE_HTTP_PredictTransFileSize, the Content-Length)
+// compares with what is produced, and how long a player waits for the first
+// byte through the library compared with stock ffmpeg writing the same
+// output directly. The difference is what the library adds: its process
+// start-up, the double fork, the launcher.
+//
+//   http_stream_bench [runs]     (default 5 runs of each)
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/machine_root.h"
+#include "tests/support/child.h"
+#include "tests/support/launchers.h"
+#include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
+#include "tests/support/test_media.h"
+#include "vte/http_stream.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Stock encoder names, so that the library's launcher and the direct run
+// get the very same options.
+constexpr char kProfile[] = "http_320x240_x264_vb256_aac_ab64";
+constexpr char kProfileValue[] =
+    "-vcodec libx264 -preset veryfast -s 320x240 -b:v 256k -maxrate 256k -bufsize 512k "
+    "-acodec aac -ab 64k -ar 44100 -ac 2 -f mpegts";
+constexpr int kTimeoutSeconds = 120;
+
+struct Run {
+  double firstByteMs = -1;  // from the start of the transcoder
+  double requestMs = -1;    // from session creation (what the player waits)
+  unsigned long long bytes = 0;
+  unsigned long long predicted = 0;
+};
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return -1;
+  std::sort(values.begin(), values.end());
+  const size_t middle = values.size() / 2;
+  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+double MsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// One playback through the library, in a process of its own as a web request
+// would be: "<first byte ms> <request ms> <bytes> <predicted>".
+Run ThroughLibrary(const std::string& source, const std::string& profileFile, int number) {
+  const std::string text = orvotest::TextFromChild(
+      [&] {
+        const Clock::time_point request = Clock::now();
+        Json::Value params(Json::objectValue);
+        params["stream_id"] = "bench" + std::to_string(number);
+        const std::string id = LibOrvoVTE::VTEStream::VTE_Init(source, "HTTP", params, profileFile,
+                                                               kProfile, "browser", 0);
+        LibOrvoVTE::HttpStream stream(id);
+        if (id.empty() || !stream.Init("")) return std::string();
+        const unsigned long long predicted = stream.VTE_HTTP_PredictTransFileSize();
+        const Clock::time_point start = Clock::now();
+        const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
+        if (!stream.Transcoding(ffmpeg, 0)) return std::string();
+        char buffer[65536];
+        double firstByte = -1;
+        double wait = -1;
+        unsigned long long bytes = 0;
+        for (int got; (got = stream.Read(buffer, sizeof(buffer))) > 0; bytes += got) {
+          if (firstByte < 0) {
+            firstByte = MsSince(start);
+            wait = MsSince(request);
+          }
+        }
+        stream.Close();
+        std::ostringstream result;
+        result << firstByte << " " << wait << " " << bytes << " " << predicted;
+        return result.str();
+      },
+      kTimeoutSeconds);
+  Run run;
+  std::istringstream(text) >> run.firstByteMs >> run.requestMs >> run.bytes >> run.predicted;
+  return run;
+}
+
+// The same output from the stock ffmpeg, started directly.
+Run Directly(const std::vector<std::string>& argv) {
+  Run run;
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) return run;
+  std::vector<char*> words;
+  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
+  words.push_back(nullptr);
+  const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const Clock::time_point start = Clock::now();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(devNull, STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(devNull, STDERR_FILENO);
+    execvp(words[0], words.data());
+    _exit(127);
+  }
+  close(out[1]);
+  close(devNull);
+  if (pid < 0) {
+    close(out[0]);
+    return run;
+  }
+  char buffer[65536];
+  for (;;) {
+    struct pollfd ready = {out[0], POLLIN, 0};
+    if (poll(&ready, 1, kTimeoutSeconds * 1000) <= 0) break;
+    const ssize_t got = read(out[0], buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    if (run.firstByteMs < 0) run.firstByteMs = MsSince(start);
+    run.bytes += static_cast<unsigned long long>(got);
+  }
+  close(out[0]);
+  if (orvotest::WaitForChild(pid, 5) != 0) run.firstByteMs = -1;
+  return run;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int runs = argc > 1 ? atoi(argv[1]) : 5;
+  if (argc > 2 || runs < 1) {
+    fprintf(stderr, "usage: http_stream_bench [runs]\n");
+    return 2;
+  }
+  // The transcoders are detached grandchildren: adopted here, and reaped.
+  orvotest::BecomeSubreaper();
+  orvotest::MachineRoot root;
+  orvotest::InstallLaunchers(root);
+  const std::string profileFile = root.Path() + "/profiles.json";
+  {
+    Json::Value profiles(Json::objectValue);
+    profiles[kProfile] = kProfileValue;
+    std::ofstream(profileFile) << profiles;
+  }
+  const std::string source = orvotest::TestMedia(orvotest::Media::kLongH264Mp3Mkv);
+  if (source.empty()) {
+    fprintf(stderr, "http_stream_bench: could not generate the source\n");
+    return 1;
+  }
+
+  // The library's output options for this source, for the direct run.
+  std::vector<std::string> direct = {"ffmpeg", "-nostdin", "-v", "error", "-ss", "0", "-copyts",
+                                     "-i", source};
+  {
+    Json::Value params(Json::objectValue);
+    params["stream_id"] = "options";
+    const std::string id = LibOrvoVTE::VTEStream::VTE_Init(source, "HTTP", params, profileFile,
+                                                           kProfile, "browser", 0);
+    LibOrvoVTE::HttpStream stream(id);
+    const std::vector<std::string> options = stream.CalculateFFmpegArgument();
+    stream.Close();
+    if (options.empty()) {
+      fprintf(stderr, "http_stream_bench: no ffmpeg options for %s\n", kProfile);
+      return 1;
+    }
+    direct.insert(direct.end(), options.begin(), options.end());
+    direct.push_back("pipe:1");
+  }
+
+  std::vector<double> libraryFirst, libraryRequest, stockFirst;
+  Run library;
+  Run stock;
+  // Interleaved, so a burst of load from elsewhere hits both sides.
+  for (int run = 0; run < runs; ++run) {
+    library = ThroughLibrary(source, profileFile, run);
+    stock = Directly(direct);
+    if (library.firstByteMs < 0 || stock.firstByteMs < 0) {
+      fprintf(stderr, "http_stream_bench: run %d failed (library %.0f ms, stock %.0f ms)\n", run,
+              library.firstByteMs, stock.firstByteMs);
+      orvotest::ChildrenEnded(10);
+      return 1;
+    }
+    libraryFirst.push_back(library.firstByteMs);
+    libraryRequest.push_back(library.requestMs);
+    stockFirst.push_back(stock.firstByteMs);
+  }
+  const bool clean = orvotest::ChildrenEnded(10);
+
+  printf("profile %s, source %s (40 s)\n", kProfile,
+         orvotest::MediaName(orvotest::Media::kLongH264Mp3Mkv).c_str());
+  printf("size: predicted %llu bytes, produced %llu through the library, %llu by stock ffmpeg"
+         " (prediction %+.1f%%)\n",
+         library.predicted, library.bytes, stock.bytes,
+         100.0 * (static_cast<double>(library.predicted) - library.bytes) / library.bytes);
+  printf("first byte (medians of %d runs): library %.0f ms from Transcoding, %.0f ms from"
+         " session creation; stock ffmpeg %.0f ms; library adds %.0f ms\n",
+         runs, Median(libraryFirst), Median(libraryRequest), Median(stockFirst),
+         Median(libraryFirst) - Median(stockFirst));
+  if (!clean) {
+    fprintf(stderr, "http_stream_bench: a transcoder outlived its stream\n");
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,232 @@
+// Real players in Debian's headless Chromium against the reference web API
+// (tools/webapi): every stream kind plays, HLS and Smooth seek to the right
+// picture, subtitles load, an unplayable file shows its error, a server that
+// breaks its segments fails the same check, and nothing of a closed stream
+// is left behind.
+//
+//   node tests/browser/playback.mjs --build BUILD_DIR
+//
+// Exits 77 (skipped) when chromium or the player packages are missing.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { spawn, execFileSync } from 'node:child_process';
+import { createRequire } from 'node:module';
+import fs from 'node:fs';
+import net from 'node:net';
+import os from 'node:os';
+import path from 'node:path';
+
+const repo = path.resolve(path.dirname(new URL(import.meta.url).pathname), '../..');
+const webapi = path.join(repo, 'tools/webapi');
+const buildArg = process.argv.indexOf('--build');
+const build = path.resolve(buildArg > 0 ? process.argv[buildArg + 1] : path.join(repo, 'build'));
+const chromiumPath = '/usr/bin/chromium';
+
+function missing() {
+  if (!fs.existsSync(chromiumPath)) return 'chromium';
+  for (const name of ['playwright-core', 'hls.js', 'dashjs', 'mpegts.js']) {
+    if (!fs.existsSync(path.join(webapi, 'node_modules', name))) return name;
+  }
+  for (const tool of ['tools/webapi/webapi-cgi', 'tools/subtitle-service', 'tools/launchers/ffmpeg-launcher']) {
+    if (!fs.existsSync(path.join(build, tool))) return tool;
+  }
+  try { execFileSync('lighttpd', ['-v']); } catch { return 'lighttpd'; }
+  return '';
+}
+const lacking = missing();
+if (lacking) {
+  console.log(`browser tests skipped: ${lacking} is missing (scripts/install-deps.sh installs it)`);
+  process.exit(77);
+}
+const { chromium } = createRequire(path.join(webapi, 'package.json'))('playwright-core');
+
+const media = path.join(repo, '.test-media/browser');
+const scratch = fs.mkdtempSync(path.join(os.tmpdir(), 'orvovte-browser-'));
+let browser;
+const servers = [];
+
+async function freePort() {
+  return new Promise((resolve) => {
+    const probe = net.createServer().listen(0, '127.0.0.1', () => {
+      const { port } = probe.address();
+      probe.close(() => resolve(port));
+    });
+  });
+}
+
+async function waitFor(condition, ms, step = 200) {
+  const deadline = Date.now() + ms;
+  for (;;) {
+    const value = await condition();
+    if (value) return value;
+    if (Date.now() > deadline) return value;
+    await new Promise((resolve) => setTimeout(resolve, step));
+  }
+}
+
+async function startServer(name, extra = []) {
+  const port = await freePort();
+  const state = path.join(scratch, name);
+  const child = spawn(path.join(webapi, 'setup.sh'),
+    ['serve', '--build', build, '--media', media, '--port', String(port), '--state', state, ...extra],
+    { stdio: ['ignore', 'inherit', 'inherit'] });
+  const server = { child, state, root: path.join(state, 'root'), base: `http://127.0.0.1:${port}` };
+  servers.push(server);
+  const up = await waitFor(() => fetch(`${server.base}/api/files`).then((r) => r.ok, () => false), 10000);
+  assert.ok(up, `web API on port ${port} did not come up`);
+  return server;
+}
+
+// Processes started for this server's streams: every request, monitor and
+// transcoder carries the machine root in its environment.
+function streamProcesses(server) {
+  const marker = `ORVOVTE_MACHINE_ROOT=${server.root}\0`;
+  const found = [];
+  for (const pid of fs.readdirSync('/proc').filter((entry) => /^\d+$/.test(entry))) {
+    try {
+      if (fs.readFileSync(`/proc/${pid}/environ`, 'latin1').includes(marker)) found.push(pid);
+    } catch { /* gone meanwhile */ }
+  }
+  return found;
+}
+
+function sessionsLeft(server) {
+  const left = [];
+  for (const type of ['HLS', 'SS', 'HTTP', 'WEBM']) {
+    const dir = path.join(server.root, 'tmp/Reelhall', type);
+    if (fs.existsSync(dir)) left.push(...fs.readdirSync(dir).map((id) => `${type}/${id}`));
+  }
+  const volume = path.join(server.root, 'volume1/@tmp/Reelhall');
+  for (const type of fs.existsSync(volume) ? fs.readdirSync(volume) : []) {
+    left.push(...fs.readdirSync(path.join(volume, type)).map((id) => `volume ${type}/${id}`));
+  }
+  return left;
+}
+
+async function assertNothingLeft(server) {
+  const processes = await waitFor(() => streamProcesses(server).length === 0, 8000) ? [] : streamProcesses(server);
+  assert.deepEqual(processes.map((pid) => fs.readFileSync(`/proc/${pid}/cmdline`, 'latin1').replace(/\0/g, ' ')), [],
+    'processes of closed streams are left');
+  assert.deepEqual(sessionsLeft(server), [], 'session directories of closed streams are left');
+}
+
+async function newPage(server) {
+  const page = await browser.newPage();
+  await page.goto(`${server.base}/`);
+  await page.evaluate(() => window.orvo.ready);
+  return page;
+}
+
+// Plays `kind` until the video's clock passes `seconds`; the page's error
+// text, or null.
+async function playPast(page, seconds, ms) {
+  await page.waitForFunction(({ s }) => window.orvo.video.currentTime > s ||
+    document.getElementById('status').dataset.error !== undefined, { s: seconds }, { timeout: ms, polling: 250 })
+    .catch(() => {});
+  return page.evaluate(({ s }) => (window.orvo.video.currentTime > s ? null
+    : document.getElementById('status').dataset.error || `stuck at ${window.orvo.video.currentTime.toFixed(1)} s`),
+  { s: seconds });
+}
+
+// Seeks, plays on, and returns [clock, picture second] once the clock is
+// two seconds past the target.
+async function seekAndRead(page, target) {
+  await page.evaluate((t) => { window.orvo.video.currentTime = t; }, target);
+  const stuck = await playPast(page, target + 2, 60000);
+  assert.equal(stuck, null, `after the seek to ${target} s`);
+  return page.evaluate(async () => {
+    await new Promise((resolve) => window.orvo.video.requestVideoFrameCallback(resolve));
+    return [window.orvo.video.currentTime, window.orvo.pictureSecond()];
+  });
+}
+
+let server;
+before(async () => {
+  execFileSync(path.join(webapi, 'make-sample.sh'), [media], { stdio: 'inherit' });
+  browser = await chromium.launch({
+    executablePath: chromiumPath, headless: true,
+    args: ['--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
+      '--disable-component-update', '--disable-sync', '--autoplay-policy=no-user-gesture-required'],
+  });
+  server = await startServer('main');
+});
+
+after(async () => {
+  if (browser) await browser.close();
+  for (const { child } of servers) child.kill('SIGTERM');
+  await waitFor(() => servers.every(({ child }) => child.exitCode !== null || child.signalCode !== null), 5000);
+  fs.rmSync(scratch, { recursive: true, force: true });
+});
+
+test('HLS through hls.js plays, loads subtitles, and seeks to the right picture', async () => {
+  const page = await newPage(server);
+  const opened = await page.evaluate(() => window.orvo.open('hls', 'sample.mp4', { subtitles: true }));
+  assert.ok(opened.id, JSON.stringify(opened));
+  await page.evaluate(() => { window.orvo.video.playbackRate = 2; });
+  assert.equal(await playPast(page, 10, 60000), null, 'HLS playback');
+  const cues = await waitFor(() => page.evaluate(() => window.orvo.subtitleCues()), 15000, 500);
+  assert.ok(cues > 0, 'no subtitle cue loaded');
+  const [clock, picture] = await seekAndRead(page, 40);
+  assert.ok(Math.abs(picture - clock) <= 1, `clock ${clock} shows the picture of second ${picture}`);
+  await page.evaluate(() => window.orvo.close());
+  await page.close();
+  await assertNothingLeft(server);
+});
+
+test("HLS plays in the browser's own player too", async () => {
+  const page = await newPage(server);
+  await page.evaluate(() => window.orvo.open('hls-native', 'sample.mp4'));
+  await page.evaluate(() => { window.orvo.video.playbackRate = 2; });
+  assert.equal(await playPast(page, 10, 60000), null, 'native HLS playback');
+  await page.evaluate(() => window.orvo.close());
+  await page.close();
+  await assertNothingLeft(server);
+});
+
+test('Smooth Streaming through dash.js plays and seeks to the right picture', async () => {
+  const page = await newPage(server);
+  const opened = await page.evaluate(() => window.orvo.open('ss', 'sample.mp4'));
+  assert.ok(opened.id, JSON.stringify(opened));
+  assert.equal(await playPast(page, 6, 60000), null, 'Smooth playback');
+  const [clock, picture] = await seekAndRead(page, 35);
+  assert.ok(Math.abs(picture - clock) <= 1, `clock ${clock} shows the picture of second ${picture}`);
+  await page.evaluate(() => window.orvo.close());
+  await page.close();
+  await assertNothingLeft(server);
+});
+
+test('WebM in the video element and progressive MPEG-TS through mpegts.js play', async () => {
+  const page = await newPage(server);
+  for (const kind of ['webm', 'http']) {
+    const opened = await page.evaluate((k) => window.orvo.open(k, 'sample.mp4'), kind);
+    assert.ok(opened.id, `${kind}: ${JSON.stringify(opened)}`);
+    assert.equal(await playPast(page, 3, 40000), null, `${kind} playback`);
+    const picture = await page.evaluate(() => window.orvo.pictureSecond());
+    const clock = await page.evaluate(() => window.orvo.video.currentTime);
+    assert.ok(Math.abs(picture - clock) <= 1, `${kind}: clock ${clock} shows second ${picture}`);
+    await page.evaluate(() => window.orvo.close());
+  }
+  await page.close();
+  await assertNothingLeft(server);
+});
+
+test('a stream that cannot be opened shows its error', async () => {
+  const page = await newPage(server);
+  const answer = await page.evaluate(() => window.orvo.open('hls', 'dts-audio.mkv'));
+  assert.deepEqual(answer, { error: 'TransAudioNotSupported', status: 415 });
+  const shown = await page.textContent('#status');
+  assert.match(shown, /TransAudioNotSupported/);
+  await page.close();
+  await assertNothingLeft(server);
+});
+
+test('the HLS check fails when the server breaks its segments', async () => {
+  const broken = await startServer('broken', ['--break-segments']);
+  const page = await newPage(broken);
+  await page.evaluate(() => window.orvo.open('hls', 'sample.mp4'));
+  const failure = await playPast(page, 10, 20000);
+  assert.notEqual(failure, null, 'playback of cut segments passed the check');
+  await page.evaluate(() => window.orvo.close());
+  await page.close();
+  await assertNothingLeft(broken);
+});

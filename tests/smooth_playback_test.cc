@@ -1,0 +1,333 @@
+// Smooth Streaming from end to end: sessions made by VTE_Init from generated
+// media, every web request in a process of its own as the web API runs
+// them, and the detached monitors and transcoders accounted for.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/machine_root.h"
+#include "tests/support/child.h"
+#include "tests/support/launchers.h"
+#include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
+#include "tests/support/test_media.h"
+#include "tests/support/transcoder_stand_in.h"
+#include "vte/smooth_stream.h"
+#include "vte/utils/vteutils.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+namespace fs = std::filesystem;
+using orvotest::SessionPath;
+
+constexpr char kProfile[] = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
+constexpr char kVideo[] = "QualityLevels(200000)/Fragments(video=";
+constexpr char kAudio[] = "QualityLevels(40000)/Fragments(audio=";
+// One frame of the profile's 15 fps, in 100 ns.
+constexpr long long kFrame = 10000000 / 15;
+constexpr int kRequestSeconds = 90;
+
+std::string Fragment(const char* stream, long long time) {
+  return stream + std::to_string(time) + ")";
+}
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A fragment file as a client receives it: a moof box, then an mdat box.
+struct FragmentFile {
+  bool complete = false;   // the boxes fill the file exactly
+  long long time = -1;     // the tfxd box's absolute time
+  std::string annexB;      // the mdat's NAL units behind start codes
+};
+
+uint64_t BigEndian(const std::string& data, size_t at, int bytes) {
+  uint64_t value = 0;
+  for (int i = 0; i < bytes; ++i) value = value << 8 | static_cast<unsigned char>(data[at + i]);
+  return value;
+}
+
+FragmentFile ParseFragment(const std::string& data) {
+  // The Smooth Streaming track fragment extended header box.
+  static const std::string kTfxd = std::string(
+      "\x6d\x1d\x9b\x05\x42\xd5\x44\xe6\x80\xe2\x14\x1d\xaf\xf7\x57\xb2", 16);
+  FragmentFile fragment;
+  // Boxes in [begin, end), descending into moof and traf.
+  std::function<bool(size_t, size_t)> walk = [&](size_t begin, size_t end) {
+    while (begin + 8 <= end) {
+      const uint64_t size = BigEndian(data, begin, 4);
+      const std::string type = data.substr(begin + 4, 4);
+      if (size < 8 || begin + size > end) return false;
+      if (type == "moof" || type == "traf") walk(begin + 8, begin + size);
+      if (type == "uuid" && data.compare(begin + 8, 16, kTfxd) == 0) {
+        const bool wide = data[begin + 24] == 1;
+        fragment.time = static_cast<long long>(BigEndian(data, begin + 28, wide ? 8 : 4));
+      }
+      if (type == "mdat") {
+        for (size_t at = begin + 8; at + 4 <= begin + size;) {
+          const size_t length = BigEndian(data, at, 4);
+          fragment.annexB += std::string("\0\0\0\1", 4) + data.substr(at + 4, length);
+          at += 4 + length;
+        }
+      }
+      begin += size;
+    }
+    return begin == end;
+  };
+  fragment.complete =
+      walk(0, data.size()) && data.compare(4, 4, "moof") == 0 && !fragment.annexB.empty();
+  return fragment;
+}
+
+std::string FromHex(const std::string& hex) {
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+// The value of the first `name="..."` attribute at or after `from`.
+std::string Attribute(const std::string& xml, const std::string& name, size_t from = 0) {
+  const size_t start = xml.find(" " + name + "=\"", from);
+  if (start == std::string::npos) return "";
+  const size_t value = start + name.size() + 3;
+  return xml.substr(value, xml.find('"', value) - value);
+}
+
+// The start times of the manifest's video chunks, summed from their
+// durations as a client does.
+std::vector<long long> ChunkStarts(const std::string& manifest) {
+  std::vector<long long> starts;
+  long long time = 0;
+  const size_t audio = manifest.find("Type=\"audio\"");
+  for (size_t at = manifest.find("<c "); at < audio; at = manifest.find("<c ", at + 1)) {
+    starts.push_back(time);
+    time += std::stoll(Attribute(manifest, "d", at));
+  }
+  return starts;
+}
+
+std::vector<long long> FragmentTimes(const std::string& dir, const std::string& type) {
+  std::vector<long long> times;
+  std::error_code failure;
+  const std::string marker = "Fragments(" + type + "=";
+  for (const fs::directory_entry& entry : fs::directory_iterator(dir, failure)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind(marker, 0) == 0) times.push_back(std::stoll(name.substr(marker.size())));
+  }
+  std::sort(times.begin(), times.end());
+  return times;
+}
+
+class SmoothPlayback : public orvotest::MachineRootTest {
+ protected:
+  void SetUp() override {
+    MachineRootTest::SetUp();
+    ASSERT_TRUE(orvotest::BecomeSubreaper());
+  }
+  void TearDown() override {
+    // Every monitor and transcoder of the test has ended by now.
+    EXPECT_TRUE(orvotest::ChildrenEnded(10));
+    EXPECT_TRUE(orvotest::RegistryPids().empty());
+    MachineRootTest::TearDown();
+  }
+
+  // Creates and opens the session in a process of its own.
+  void Open(orvotest::Media media, const std::string& id) {
+    ASSERT_EQ(orvotest::CreateSession(media, "SS", "smooth.json", kProfile, id), id);
+    Json::Value params;
+    params["url"] = "/api/stream";
+    params["format"] = "ss";
+    EXPECT_EQ(orvotest::RunInChild([&] {
+                return SmoothStream(id).Init(params, Json::Value(), "", "") ? 0 : 1;
+              }),
+              0);
+  }
+
+  // One request: Transcoding, then ReadFragment unless `read` is false.
+  // "ok <path>" or "failed". The answer comes back through a file: a pipe
+  // would stay open as long as the monitor the request forks.
+  std::string Request(const std::string& id, const std::string& fragment, bool read = true) {
+    const std::string answer = Root().At("/answer");
+    const std::string chatter = Root().At("/transcoders.log");
+    fs::remove(answer);
+    const int status = orvotest::RunInChild(
+        [&] {
+          // Monitors and transcoders inherit the request's output.
+          const int log = open(chatter.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+          dup2(log, STDOUT_FILENO);
+          dup2(log, STDERR_FILENO);
+          SmoothStream stream(id);
+          std::string text = "failed";
+          if (stream.Transcoding(fragment)) {
+            text = read ? "ok " + stream.ReadFragment(fragment) : "ok";
+          }
+          std::ofstream(answer) << text;
+          return 0;
+        },
+        kRequestSeconds);
+    return status == 0 ? Slurp(answer) : "<request failed>";
+  }
+
+  std::string Served(const std::string& id, const std::string& fragment) {
+    return "ok " + SessionPath("SS", id, "smooth/" + fragment);
+  }
+
+  bool RunEnds(const std::string& id) {
+    return orvotest::WaitUntil([&] { return !SmoothStream(id).IsFFmpegRun(); },
+                               kRequestSeconds * 1000);
+  }
+};
+
+// The launcher's real fragments against the manifest the client was given,
+// and restarts at the distances that make them.
+TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
+  orvotest::InstallLaunchers(Root());
+  Open(orvotest::Media::kLongLowResMp4, "play");
+  const std::string fragments = SessionPath("SS", "play", "smooth/");
+
+  // The first request starts a run at 0 and is served complete.
+  ASSERT_EQ(Request("play", Fragment(kVideo, 0)), Served("play", Fragment(kVideo, 0)));
+  EXPECT_EQ(ReadFile(SessionPath("SS", "play", "seek_time")), "0");
+  const FragmentFile first = ParseFragment(Slurp(fragments + Fragment(kVideo, 0)));
+  EXPECT_TRUE(first.complete);
+  EXPECT_NEAR(first.time, 0, kFrame);
+  ASSERT_TRUE(RunEnds("play"));
+  EXPECT_TRUE(orvotest::RegistryPids().empty());
+
+  // Every chunk of the manifest is a fragment of both streams, and there is
+  // no other.
+  const std::string manifest = Slurp(SmoothStream("play").GetMainfest());
+  const std::vector<long long> chunks = ChunkStarts(manifest);
+  ASSERT_EQ(chunks.size(), 26u);  // 130 s
+  EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(200000)", "video"), chunks);
+  EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(40000)", "audio"), chunks);
+
+  // A client decodes the fragments with the manifest's parameter sets.
+  const std::string privateData = FromHex(Attribute(manifest, "CodecPrivateData"));
+  const FragmentFile second = ParseFragment(Slurp(fragments + Fragment(kVideo, 50000000)));
+  EXPECT_TRUE(second.complete);
+  const std::string stream = Root().At("/fragment.h264");
+  std::ofstream(stream, std::ios::binary) << privateData << second.annexB;
+  orvotest::ProbedMedia probed;
+  ASSERT_TRUE(orvotest::ProbeMedia(stream, &probed, "h264"));
+  ASSERT_NE(probed.Stream("video"), nullptr);
+  EXPECT_EQ(probed.Stream("video")->width, std::stoi(Attribute(manifest, "MaxWidth")));
+  EXPECT_EQ(probed.Stream("video")->height, std::stoi(Attribute(manifest, "MaxHeight")));
+  EXPECT_EQ(probed.Stream("video")->frames, 75);
+
+  // As if the run had reached 60 s.
+  for (long long time : chunks) {
+    if (time <= 600000000) continue;
+    fs::remove(fragments + Fragment(kVideo, time));
+    fs::remove(fragments + Fragment(kAudio, time));
+  }
+  const int firstMonitor = orvotest::RecordedPid(SessionPath("SS", "play", "monitor.pid"));
+  // Within 50 s of the newest fragment, and audio at any distance: no restart.
+  EXPECT_EQ(Request("play", Fragment(kVideo, 1000000000), false), "ok");
+  EXPECT_EQ(Request("play", Fragment(kAudio, 1200000000), false), "ok");
+  EXPECT_EQ(ReadFile(SessionPath("SS", "play", "seek_time")), "0");
+  EXPECT_EQ(orvotest::RecordedPid(SessionPath("SS", "play", "monitor.pid")), firstMonitor);
+  EXPECT_TRUE(fs::exists(fragments + Fragment(kVideo, 600000000)));
+
+  // 120 s is beyond: a new run starts there and serves it under its name.
+  ASSERT_EQ(Request("play", Fragment(kVideo, 1200000000)),
+            Served("play", Fragment(kVideo, 1200000000)));
+  EXPECT_EQ(ReadFile(SessionPath("SS", "play", "seek_time")), "120");
+  EXPECT_FALSE(fs::exists(fragments + Fragment(kVideo, 0)));
+  const FragmentFile far = ParseFragment(Slurp(fragments + Fragment(kVideo, 1200000000)));
+  EXPECT_TRUE(far.complete);
+  EXPECT_NEAR(far.time, 1200000000, kFrame);
+  const int secondMonitor =
+      orvotest::RecordedPid(SessionPath("SS", "play", "monitor.pid"), firstMonitor);
+  EXPECT_GT(secondMonitor, 0);
+
+  // Before the run's start: restarts there.
+  EXPECT_EQ(Request("play", Fragment(kVideo, 500000000), false), "ok");
+  EXPECT_EQ(ReadFile(SessionPath("SS", "play", "seek_time")), "50");
+  const int thirdMonitor =
+      orvotest::RecordedPid(SessionPath("SS", "play", "monitor.pid"), secondMonitor);
+  EXPECT_GT(thirdMonitor, 0);
+
+  EXPECT_EQ(orvotest::RunInChild([] { return SmoothStream("play").Close() ? 0 : 1; }), 0);
+  EXPECT_TRUE(orvotest::Ends(thirdMonitor));
+  EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "play")));
+}
+
+// How a run ends, with a stand-in transcoder that would otherwise linger
+// for a minute: Close, the idle rule, a signal to the monitor. Bad
+// fragment ids meanwhile restart nothing and reach nothing outside.
+TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalAndShrugsOffBadIds) {
+  const std::string program = Root().At(librh::machine::kPackageFFmpeg);
+  fs::create_directories(fs::path(program).parent_path());
+  fs::create_symlink(orvotest::StandInProgram(), program);
+  const std::string record = Root().At("/record");
+  orvotest::ArmStandIn(record, 60000);
+
+  for (const std::string ending : {"close", "idle", "signal"}) {
+    Open(orvotest::Media::kH264AacMp4, ending);
+    ASSERT_EQ(Request(ending, Fragment(kVideo, 0), false), "ok") << ending;
+    const int monitor = orvotest::RecordedPid(SessionPath("SS", ending, "monitor.pid"));
+    ASSERT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().size() == 1; }, 10000))
+        << ending;
+    const int transcoder = orvotest::RegistryPids()[0];
+
+    if (ending == "close") {
+      // The transcoder writes straight into the volume the session links to.
+      const orvotest::Recording run = orvotest::ReadRecording(record, 10);
+      ASSERT_GE(run.argv.size(), 4u);
+      EXPECT_EQ(run.argv[1] + " " + run.argv[2] + " " + run.argv[3], "-ss 0 -i");
+      EXPECT_EQ(run.argv.back(), fs::read_symlink(SessionPath("SS", ending)).string() + "/smooth");
+
+      // Malformed ids count as time 0, where the run already starts; ids
+      // that aim outside are refused outright.
+      for (const std::string bad : {"garbage", "a/b/c", "QualityLevels(200000)/Fragments(text=5)",
+                                    "QualityLevels(200000)/Fragments(video=abc)"}) {
+        EXPECT_EQ(Request(ending, bad, false), "ok") << bad;
+      }
+      for (const std::string outside : {"../video_metadata", "QualityLevels(200000)/../../seek_time",
+                                        "/etc/passwd", "QualityLevels(200000)//Fragments(video=0)"}) {
+        EXPECT_EQ(Request(ending, outside), "failed") << outside;
+      }
+      EXPECT_EQ(ReadFile(SessionPath("SS", ending, "seek_time")), "0");
+      EXPECT_EQ(orvotest::RecordedPid(SessionPath("SS", ending, "monitor.pid")), monitor);
+      EXPECT_EQ(orvotest::RegistryPids(), std::vector<int>{transcoder});
+
+      EXPECT_EQ(orvotest::RunInChild([&] { return SmoothStream(ending).Close() ? 0 : 1; }), 0);
+    } else if (ending == "idle") {
+      const std::string access = SessionPath("SS", ending, "access_status");
+      std::ofstream{access};
+      const struct utimbuf old = {time(nullptr) - 1000, time(nullptr) - 1000};
+      ASSERT_EQ(utime(access.c_str(), &old), 0);
+    } else {
+      ASSERT_EQ(kill(monitor, SIGTERM), 0);
+    }
+    EXPECT_TRUE(orvotest::Ends(monitor)) << ending;
+    EXPECT_TRUE(orvotest::Ends(transcoder)) << ending;
+    EXPECT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().empty(); }, 5000))
+        << ending;
+    // A signal leaves the session (and its fragments) for Close.
+    EXPECT_EQ(orvotest::Exists(SessionPath("SS", ending)), ending == "signal") << ending;
+  }
+}
+
+}  // namespace
+}  // namespace LibOrvoVTE

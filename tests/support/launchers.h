@@ -1,0 +1,67 @@
+// The transcoder launchers (tools/launchers) in a machine root, and the
+// means to run them and look at what they wrote.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/machine_root.h"
+#include "tests/support/machine_root.h"
+
+namespace orvotest {
+
+// Links the launchers built with the tests into `root` where the library
+// expects the NAS's transcoders (kPackageFFmpeg, kPackageGstLaunch). Records
+// a gtest failure when that fails.
+void InstallLaunchers(const MachineRoot& root);
+
+// A fresh machine root with the launchers installed.
+class LauncherTest : public MachineRootTest {
+ protected:
+  void SetUp() override;
+  // Where the library runs its transcoders.
+  std::string FFmpeg() { return Root().At(librh::machine::kPackageFFmpeg); }
+  std::string GstLaunch() { return Root().At(librh::machine::kPackageGstLaunch); }
+  // A new directory on the data volume, as a session directory would be.
+  std::string SessionDir(const std::string& name);
+};
+
+// Starts `argv` (argv[0] an absolute path) with stdin, stdout and stderr on
+// /dev/null; `inherited` descriptors stay open in it. The pid, or -1. The
+// caller reaps it (WaitForChild in child.h).
+pid_t StartProgram(const std::vector<std::string>& argv, const std::vector<int>& inherited = {});
+
+// Reads `fd` into `data` until end of file, or until `data` holds at least
+// `enough` bytes, for at most `timeoutMs` milliseconds. False when time ran out.
+bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough = std::string::npos);
+
+// Waits until `path` exists, at most `timeoutMs` milliseconds.
+bool WaitForPath(const std::string& path, int timeoutMs);
+
+// Command lines written as one line in tests: "a b c" as {"a", "b", "c"},
+// and back.
+std::vector<std::string> SplitWords(const std::string& line);
+std::string JoinWords(const std::vector<std::string>& words);
+
+// What ffprobe found in a file, every frame decoded.
+struct ProbedStream {
+  std::string type;   // "video", "audio"
+  std::string codec;
+  double start = -1;  // seconds
+  long frames = -1;   // frames decoded
+  int width = 0, height = 0, sampleRate = 0, channels = 0;
+};
+struct ProbedMedia {
+  std::string format;
+  std::vector<ProbedStream> streams;
+  // The first stream of `type`, or null.
+  const ProbedStream* Stream(const std::string& type) const;
+};
+
+// Probes `path` with the ffprobe CLI; `format` forces the demuxer ("" lets
+// ffprobe guess). False (with a gtest failure) when ffprobe fails.
+bool ProbeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "");
+
+}  // namespace orvotest

@@ -1,0 +1,59 @@
+// Real playback for fault and load tests: a machine root with the
+// launchers, sessions opened and served by web requests each in a process
+// of its own, and the checks that nothing of a stream outlives it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "tests/support/machine_root.h"
+#include "tests/support/test_media.h"
+
+namespace orvotest {
+
+class PlaybackTest : public ::testing::Test {
+ protected:
+  // A fresh root with the launchers and the profiles below; this process
+  // becomes the subreaper of every monitor and transcoder.
+  void SetUp() override;
+  // Kills and reaps whatever a failed case left.
+  void TearDown() override;
+  MachineRoot& Root() { return *root_; }
+
+  // Profiles: "paced" (transcode, paced at ten times real time, so a run
+  // is still going while the test acts on it), "remux" (video copied),
+  // "broken" (a transcoder that exits at once).
+  // Creates and opens HLS session `id`; "ok" or what failed (the stream's
+  // error code when Init refused).
+  std::string Open(const std::string& id, const std::string& profile,
+                   Media media = Media::kLongH264AacMp4);
+  // One segment request (Transcoding, then ReadFragment): the path served,
+  // "" when refused, "<...>" when the request failed.
+  std::string Segment(const std::string& id, int fragment, int timeoutSeconds = 90);
+  // Starts that request without waiting; WaitForChild reaps it.
+  pid_t StartSegment(const std::string& id, int fragment);
+  bool Close(const std::string& id);
+
+  std::string File(const std::string& id, const std::string& name) const;
+  int MonitorPid(const std::string& id) const;
+
+  // Empty when every child of this process ends within `seconds` (reaped),
+  // the registry parses and holds only live pids; else what is wrong.
+  std::string Leftovers(int seconds = 10);
+  // Whether a new stream opens and serves its first segment completely.
+  bool LaterStreamWorks(const std::string& id);
+
+ private:
+  std::unique_ptr<MachineRoot> root_;
+  std::string profiles_;
+};
+
+// The live processes whose parent is `parent`.
+std::vector<pid_t> ChildrenOf(pid_t parent);
+
+// Whether `path` is a whole MPEG-TS segment with decodable picture and sound.
+bool CompleteSegment(const std::string& path);
+
+}  // namespace orvotest

@@ -1,0 +1,157 @@
+#include "tests/support/stream_watch.h"
+
+#include <dirent.h>
+#include <json/json.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <thread>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "tests/support/launchers.h"
+#include "vte/liborvovte.h"
+#include "vte/utils/json_utils.h"
+#include "vte/utils/vteutils.h"
+
+namespace orvotest {
+namespace {
+
+constexpr int kPidWaitMs = 10000;
+
+// Long enough for the slowest end: a monitor notices its signal within
+// one 2-second poll, then stops ffmpeg.
+constexpr int kEndSeconds = 15;
+
+// The parent pid in /proc/<pid>/stat, whose command name may hold spaces
+// and parentheses (the state and ppid follow the last ')').
+pid_t ParentOf(const std::string& pid) {
+  std::ifstream stat("/proc/" + pid + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const size_t end = text.rfind(')');
+  if (end == std::string::npos) return -1;
+  std::istringstream rest(text.substr(end + 1));
+  std::string state;
+  pid_t parent = -1;
+  rest >> state >> parent;
+  return parent;
+}
+
+void KillChildren() {
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return;
+  while (const struct dirent* entry = readdir(proc)) {
+    const std::string name = entry->d_name;
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (ParentOf(name) == getpid()) kill(atoi(name.c_str()), SIGKILL);
+  }
+  closedir(proc);
+}
+
+bool ReapAll() {
+  for (;;) {
+    const pid_t done = waitpid(-1, nullptr, WNOHANG);
+    if (done > 0) continue;
+    return done < 0 && errno == ECHILD;
+  }
+}
+
+}  // namespace
+
+std::string CreateSession(Media media, const std::string& type, const std::string& profileFile,
+                          const std::string& profile, const std::string& id) {
+  const std::string source = TestMedia(media);
+  if (source.empty()) return "";
+  Json::Value params(Json::objectValue);
+  params["stream_id"] = id;
+  return LibOrvoVTE::VTEStream::VTE_Init(source, type, params,
+                                         std::string(ORVOVTE_SAMPLE_PROFILES) + "/" + profileFile,
+                                         profile, "browser", 0);
+}
+
+std::string SessionPath(const std::string& type, const std::string& id, const std::string& name) {
+  const std::string dir =
+      librh::machine::Resolve(librh::machine::kTempRoot) + "/" + type + "/" + id;
+  return name.empty() ? dir : dir + "/" + name;
+}
+
+int RecordedPid(const std::string& pidFile, int unlike) {
+  int pid = -1;
+  WaitUntil(
+      [&] {
+        const std::string text = LibOrvoVTE::ReadFile(pidFile);
+        pid = text.empty() ? -1 : atoi(text.c_str());
+        return pid > 0 && pid != unlike;
+      },
+      kPidWaitMs);
+  return pid != unlike ? pid : -1;
+}
+
+bool Ends(int pid, int timeoutMs) {
+  return WaitUntil([pid] { return !OLIBCProcAlive(pid); }, timeoutMs);
+}
+
+bool Exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+void StreamTest::SetUp() {
+  MachineRootTest::SetUp();
+  ASSERT_TRUE(BecomeSubreaper());
+  InstallLaunchers(Root());
+}
+
+void StreamTest::TearDown() {
+  EXPECT_TRUE(ChildrenEnded(kEndSeconds)) << "a process of a stream outlived the test";
+  MachineRootTest::TearDown();
+}
+
+bool BecomeSubreaper() { return prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0; }
+
+bool ChildrenEnded(int timeoutSeconds) {
+  if (WaitUntil(ReapAll, timeoutSeconds * 1000)) return true;
+  KillChildren();
+  WaitUntil(ReapAll, 2000);
+  return false;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::vector<int> RegistryPids() {
+  Json::Value registry;
+  std::vector<int> pids;
+  if (!LibReelhall::ReadJsonFromFile(librh::machine::Resolve(librh::machine::kLoadRegistry),
+                                     registry) ||
+      !registry.isArray()) {
+    return pids;
+  }
+  for (const Json::Value& entry : registry) {
+    if (entry.isObject() && entry["PID"].isInt()) pids.push_back(entry["PID"].asInt());
+  }
+  return pids;
+}
+
+bool Registered(int pid) {
+  const std::vector<int> pids = RegistryPids();
+  return std::find(pids.begin(), pids.end(), pid) != pids.end();
+}
+
+}  // namespace orvotest

@@ -1,0 +1,59 @@
+// Watching a stream's session and the detached processes it leaves running
+// (monitors, transcoders) from a test.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/machine_root.h"
+#include "tests/support/test_media.h"
+
+namespace orvotest {
+
+// A fresh x86 machine root with /volume1 and the transcoder launchers, in
+// which this process adopts every detached process a stream starts. Each
+// of them must have ended by the end of the case (a bounded wait).
+class StreamTest : public MachineRootTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+};
+
+// Creates the session `id` of `type` for `media` with profile `profile` of
+// the sample profile file `profileFile` ("http.json"); its id or "".
+std::string CreateSession(Media media, const std::string& type, const std::string& profileFile,
+                          const std::string& profile, const std::string& id);
+
+// The session directory of `type` and `id` under the current machine root,
+// or the file `name` in it.
+std::string SessionPath(const std::string& type, const std::string& id,
+                        const std::string& name = "");
+
+// The pid recorded in `pidFile`, waiting at most 10 seconds for one other
+// than `unlike`; -1 when none came.
+int RecordedPid(const std::string& pidFile, int unlike = -1);
+
+// Whether `pid` ends (a zombie has ended) within `timeoutMs`.
+bool Ends(int pid, int timeoutMs = 10000);
+
+// Whether the path exists (a dangling link does).
+bool Exists(const std::string& path);
+
+// Makes the calling process the subreaper of its descendants, so detached
+// monitors and transcoders become its children when their parents exit and
+// can be reaped and counted.
+bool BecomeSubreaper();
+
+// Reaps every child, waiting at most `timeoutSeconds` for the living ones to
+// end. On time-out kills the remaining children and returns false.
+bool ChildrenEnded(int timeoutSeconds);
+
+// Polls `condition` every 20 ms for at most `timeoutMs`; its last answer.
+bool WaitUntil(const std::function<bool()>& condition, int timeoutMs);
+
+// The pids of the load registry's entries under the current machine root.
+std::vector<int> RegistryPids();
+bool Registered(int pid);
+
+}  // namespace orvotest

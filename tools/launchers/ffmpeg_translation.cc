@@ -1,0 +1,225 @@
+#include "tools/launchers/ffmpeg_translation.h"
+
+namespace launchers {
+namespace {
+
+constexpr long long kTicksPerSecond = 10000000;  // Smooth Streaming's 100 ns
+constexpr long long kMicrosPerSecond = 1000000;
+constexpr char kStagingName[] = "/.staging";
+
+const char* KindName(OutputKind kind) {
+  switch (kind) {
+    case OutputKind::kWebM: return "WebM";
+    case OutputKind::kSegments: return "HLS segments";
+    case OutputKind::kFragments: return "Smooth Streaming fragments";
+    case OutputKind::kProgressive: break;
+  }
+  return "progressive";
+}
+
+// What the walk over the library's words learnt; the per-kind finishing
+// works from it.
+struct Walk {
+  OutputKind kind = OutputKind::kProgressive;
+  std::vector<std::string> words;  // translated, without argv[0] and the output
+  bool hasInput = false;
+  bool copyTimestamps = false;
+  bool forcesKeyFrames = false;
+  long formatIndex = -1;           // of the value after "-f" in `words`
+  std::string videoCodec, audioCodec;
+  long long segmentSeconds = -1;   // "-segment_time"
+  long long fragmentSeconds = -1;  // "-fragment_length"
+  long long seekSeconds = -1;      // "-seek_time"
+  long seekOffsetIndex = -1;       // of "-output_ts_offset" made from "-seek_time"
+};
+
+bool Fail(std::string* error, const std::string& message) {
+  *error = message;
+  return false;
+}
+
+bool TakeRow(const TableRow& row, const std::vector<std::string>& values, Walk* walk,
+             std::string* error) {
+  if (row.announces != OutputKind::kProgressive) {
+    if (walk->kind != OutputKind::kProgressive && walk->kind != row.announces) {
+      return Fail(error, std::string(row.word) + " asks for " + KindName(row.announces) +
+                             " in a command line for " + KindName(walk->kind));
+    }
+    walk->kind = row.announces;
+  }
+  if (row.treatment == Treatment::kDrop) return true;
+  long long seconds = 0;
+  if (!ParseWholeSeconds(values[0], &seconds)) {
+    return Fail(error, std::string(row.word) + " wants whole seconds, not \"" + values[0] + "\"");
+  }
+  if (row.treatment == Treatment::kRenameSecondsToMicros) {
+    if (seconds == 0) return Fail(error, std::string(row.word) + " must be positive");
+    walk->fragmentSeconds = seconds;
+    walk->words.insert(walk->words.end(),
+                       {row.stockWord, std::to_string(seconds * kMicrosPerSecond)});
+    return true;
+  }
+  if (std::string(row.word) == "-seek_time") {
+    walk->seekSeconds = seconds;
+    walk->seekOffsetIndex = static_cast<long>(walk->words.size());
+  }
+  walk->words.insert(walk->words.end(), {row.stockWord, values[0]});
+  return true;
+}
+
+void TakeCodec(const std::string& option, const std::string& name,
+               const EncoderCheck& stockHasEncoder, Walk* walk) {
+  const TableRow* row = FindEncoder(name);
+  const std::string encoder = row && !stockHasEncoder(name) ? row->stockWord : name;
+  walk->words.insert(walk->words.end(), {option, encoder});
+  if (CodecOptionCovers(option, 'v')) walk->videoCodec = encoder;
+  if (CodecOptionCovers(option, 'a')) walk->audioCodec = encoder;
+}
+
+bool WalkWords(const std::vector<std::string>& argv, size_t end,
+               const EncoderCheck& stockHasEncoder, Walk* walk, std::string* error) {
+  for (size_t i = 1; i < end; ++i) {
+    const std::string& word = argv[i];
+    const bool hasValue = i + 1 < end;
+    if (const TableRow* row = FindOption(word)) {
+      if (i + row->valueCount >= end) return Fail(error, word + " needs a value");
+      const std::vector<std::string> values(argv.begin() + i + 1,
+                                            argv.begin() + i + 1 + row->valueCount);
+      if (!TakeRow(*row, values, walk, error)) return false;
+      i += row->valueCount;
+      continue;
+    }
+    if (IsCodecOption(word) && hasValue) {
+      TakeCodec(word, argv[++i], stockHasEncoder, walk);
+      continue;
+    }
+    walk->words.push_back(word);
+    if (word == "-copyts") {
+      walk->copyTimestamps = true;
+      continue;
+    }
+    if (!hasValue) continue;
+    const std::string& value = argv[i + 1];
+    if (word == "-i") {
+      walk->hasInput = true;
+    } else if (word == "-f") {
+      walk->formatIndex = static_cast<long>(walk->words.size());
+    } else if (word == "-force_key_frames") {
+      walk->forcesKeyFrames = true;
+    } else if (word == "-segment_time") {
+      if (!ParseWholeSeconds(value, &walk->segmentSeconds)) {
+        return Fail(error, "-segment_time wants whole seconds, not \"" + value + "\"");
+      }
+    } else {
+      continue;  // an option of the stock build (its value is copied next), or a lone word
+    }
+    walk->words.push_back(value);
+    ++i;
+  }
+  return true;
+}
+
+void SetFormat(const std::string& format, Walk* walk) {
+  if (walk->formatIndex >= 0) {
+    walk->words[walk->formatIndex] = format;
+  } else {
+    walk->words.insert(walk->words.end(), {"-f", format});
+  }
+}
+
+// Keyframes where segments and fragments must begin: every `seconds` of
+// output from its first frame, which the seek puts on a boundary. (The
+// expression's t counts from the output's start even under -copyts.) A grid
+// rather than a distance from the previous keyframe, so keyframes that fall
+// a little late do not add up.
+void ForceKeyFrames(long long seconds, Walk* walk) {
+  if (walk->videoCodec == "copy" || walk->forcesKeyFrames) return;
+  walk->words.insert(walk->words.end(),
+                     {"-force_key_frames", "expr:gte(t,n_forced*" + std::to_string(seconds) + ")"});
+}
+
+bool FinishSegments(Walk* walk, std::string* error) {
+  if (walk->copyTimestamps) {
+    return Fail(error, "-copyts with segments: the stock segment muxer would cut after every frame");
+  }
+  if (walk->segmentSeconds <= 0) return Fail(error, "segments need a positive -segment_time");
+  SetFormat("segment", walk);
+  ForceKeyFrames(walk->segmentSeconds, walk);
+  return true;
+}
+
+bool FinishFragments(const std::string& output, Walk* walk, FragmentLayout* layout,
+                     std::string* error) {
+  if (output.empty()) return Fail(error, "Smooth Streaming needs an output directory");
+  if (walk->fragmentSeconds <= 0) return Fail(error, "Smooth Streaming needs -fragment_length");
+  if (walk->seekSeconds < 0) return Fail(error, "Smooth Streaming needs -seek_time");
+  if (walk->copyTimestamps) {
+    // The source timeline already starts at the seek; an offset would count it twice.
+    walk->words.erase(walk->words.begin() + walk->seekOffsetIndex,
+                      walk->words.begin() + walk->seekOffsetIndex + 2);
+    if (walk->formatIndex > walk->seekOffsetIndex) walk->formatIndex -= 2;
+  }
+  SetFormat("smoothstreaming", walk);
+  // Live lookahead makes the muxer reopen finished fragments to patch in the
+  // times of later ones; the predicted manifest already lists every chunk,
+  // and a fragment must stay untouched once a client may read it.
+  walk->words.insert(walk->words.end(), {"-lookahead_count", "0"});
+  ForceKeyFrames(walk->fragmentSeconds, walk);
+  layout->outputDir = output;
+  layout->stagingDir = output + kStagingName;
+  layout->firstTime = walk->seekSeconds * kTicksPerSecond;
+  layout->length = walk->fragmentSeconds * kTicksPerSecond;
+  return true;
+}
+
+// The WebM muxer refuses AAC and MP3, which the library copies or encodes
+// for WebM clients; Matroska carries them with the same codecs and framing.
+void FinishWebM(Walk* walk) {
+  const std::string& audio = walk->audioCodec;
+  const bool webmAudio = audio == "libvorbis" || audio == "vorbis" || audio == "libopus" ||
+                         audio == "opus";
+  const bool named = walk->formatIndex >= 0;
+  if (named && walk->words[walk->formatIndex] != "webm") return;
+  SetFormat(webmAudio ? "webm" : "matroska", walk);
+}
+
+}  // namespace
+
+bool PlanFFmpeg(const std::vector<std::string>& libraryArgv, const std::string& stockFFmpeg,
+                const EncoderCheck& stockHasEncoder, FFmpegPlan* plan, std::string* error) {
+  if (libraryArgv.size() < 4) {
+    return Fail(error, "expected options, \"-i\" with an input, and an output");
+  }
+  const size_t outputIndex = libraryArgv.size() - 1;
+  std::string output = libraryArgv[outputIndex];
+  if (FindOption(output)) return Fail(error, output + " needs a value");
+  Walk walk;
+  if (!WalkWords(libraryArgv, outputIndex, stockHasEncoder, &walk, error)) return false;
+  if (!walk.hasInput) return Fail(error, "no input: \"-i\" is missing");
+
+  FFmpegPlan result;
+  switch (walk.kind) {
+    case OutputKind::kSegments:
+      if (!FinishSegments(&walk, error)) return false;
+      break;
+    case OutputKind::kFragments:
+      if (!FinishFragments(output, &walk, &result.fragments, error)) return false;
+      output = result.fragments.stagingDir;
+      break;
+    case OutputKind::kWebM:
+      FinishWebM(&walk);
+      break;
+    case OutputKind::kProgressive:
+      break;
+  }
+  result.kind = walk.kind;
+  // No terminal dialogue (the transcoder's input is not a user), and the
+  // staging directory or a reused segment name is no reason to stop.
+  result.argv = {stockFFmpeg, "-nostdin", "-y"};
+  result.argv.insert(result.argv.end(), walk.words.begin(), walk.words.end());
+  result.argv.push_back(output);
+  *plan = std::move(result);
+  return true;
+}
+
+}  // namespace launchers

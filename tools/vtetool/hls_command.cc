@@ -1,0 +1,233 @@
+// HLS sessions by hand: open one, ask for a segment as a client would, look
+// at what a session holds and which processes serve it, and close it.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "tools/vtetool/command.h"
+#include "tools/vtetool/output.h"
+#include "vte/http_live_stream.h"
+#include "vte/utils/json_utils.h"
+
+namespace vtetool {
+namespace {
+
+using LibOrvoVTE::HttpLiveStream;
+
+constexpr char kType[] = "HLS";
+// What the web API would put in the playlists; only the operator reads them.
+constexpr char kUrl[] = "/api/stream";
+// A segment request waits at most a minute; this leaves room for the rest.
+constexpr int kRequestTimeoutSeconds = 75;
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Runs `body` in a child with its standard descriptors on /dev/null, as a
+// web request process: the monitor it may fork inherits them, and must not
+// hold this tool's output open. The child's text, or "" when it failed.
+std::string AsWebRequest(const std::function<std::string()>& body, int* status) {
+  int result[2];
+  if (pipe2(result, O_CLOEXEC) != 0) return "";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(devNull, fd);
+    const std::string text = body();
+    const bool written = write(result[1], text.data(), text.size()) ==
+                         static_cast<ssize_t>(text.size());
+    _exit(written ? 0 : 1);
+  }
+  close(result[1]);
+  if (pid < 0) {
+    close(result[0]);
+    return "";
+  }
+  *status = -1;
+  for (int tenths = 0; tenths < kRequestTimeoutSeconds * 10; ++tenths) {
+    int raw = 0;
+    if (waitpid(pid, &raw, WNOHANG) == pid) {
+      *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+      break;
+    }
+    usleep(100000);
+  }
+  if (*status == -1 && waitpid(pid, nullptr, WNOHANG) == 0) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  // The monitor keeps a copy of the write end: read what is there, do not
+  // wait for the end.
+  fcntl(result[0], F_SETFL, O_NONBLOCK);
+  std::string text;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = read(result[0], buffer, sizeof(buffer))) > 0) text.append(buffer, got);
+  close(result[0]);
+  return text;
+}
+
+int Open(const Arguments& arguments) {
+  const std::string device = arguments.size() > 3 ? arguments[3] : "";
+  const std::string audioFormat = arguments.size() > 4 ? arguments[4] : "";
+  const std::string id = LibOrvoVTE::VTEStream::VTE_Init(
+      arguments[0], kType, Json::Value(Json::objectValue), arguments[1], arguments[2], device, 0);
+  if (id.empty() || id == LibOrvoVTE::kTransSpaceNotEnough) {
+    std::cerr << "vtetool: hls-open: no session for " << arguments[0] << " ("
+              << (id.empty() ? "the system log says why" : id) << ")" << std::endl;
+    return kFailed;
+  }
+  Json::Value params;
+  params["url"] = kUrl;
+  params["format"] = "hls";
+  HttpLiveStream stream(id);
+  if (!stream.Init(params, Json::Value(), "", audioFormat)) {
+    const std::string error = stream.GetErrorString();
+    std::cerr << "vtetool: hls-open: the stream did not open ("
+              << (error.empty() ? "no error code; the system log says why" : error) << ")"
+              << std::endl;
+    return kFailed;
+  }
+  std::cout << "stream id: " << id << "\n"
+            << "playlist: " << stream.GetMainfest("", "") << std::endl;
+  return kOk;
+}
+
+int Segment(const Arguments& arguments) {
+  const std::string id = arguments[0];
+  const std::string fragment = arguments[1];
+  const auto start = std::chrono::steady_clock::now();
+  int status = -1;
+  const std::string path = AsWebRequest(
+      [&] {
+        HttpLiveStream stream(id);
+        if (!stream.Transcoding(fragment)) return std::string();
+        return stream.ReadFragment(fragment);
+      },
+      &status);
+  const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  if (status != 0 || path.empty()) {
+    std::cerr << "vtetool: hls-segment: segment " << fragment << " of " << id
+              << " was not served (after " << elapsed.count() << " ms)" << std::endl;
+    return kFailed;
+  }
+  std::cout << path << "\n"
+            << "served in " << elapsed.count() << " ms" << std::endl;
+  return kOk;
+}
+
+// The pids whose parent is `parent`, with their command names.
+std::vector<std::pair<int, std::string>> ChildrenOf(int parent) {
+  std::vector<std::pair<int, std::string>> children;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return children;
+  while (const dirent* entry = readdir(proc)) {
+    const int pid = atoi(entry->d_name);
+    if (pid <= 0) continue;
+    const std::string stat = ReadText("/proc/" + std::string(entry->d_name) + "/stat");
+    const size_t open = stat.find('(');
+    const size_t close = stat.rfind(')');
+    if (open == std::string::npos || close == std::string::npos) continue;
+    char state = 0;
+    int ppid = 0;
+    if (sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == parent) {
+      children.emplace_back(pid, stat.substr(open + 1, close - open - 1));
+    }
+  }
+  closedir(proc);
+  return children;
+}
+
+int State(const Arguments& arguments) {
+  HttpLiveStream stream(arguments[0]);
+  const std::string dir = stream.GetVTEFileFullPath("");
+  if (access(dir.c_str(), F_OK) != 0) {
+    std::cerr << "vtetool: hls-state: no HLS session " << arguments[0] << std::endl;
+    return kFailed;
+  }
+  PrintSessionDirectory(dir);
+  for (const char* name : {"seek_time", "request_fragment_id", "request_sequence", "audio_format"}) {
+    const std::string value = ReadText(stream.GetVTEFileFullPath(name));
+    std::cout << name << ": " << (value.empty() ? "-" : value) << "\n";
+  }
+
+  const int monitor = OLIBCReadPidFile(stream.GetVTEFileFullPath("monitor.pid").c_str());
+  std::vector<int> pids;
+  if (monitor > 0 && OLIBCProcAlive(monitor)) {
+    std::cout << "monitor: " << monitor << " (running)\n";
+    for (const auto& [pid, name] : ChildrenOf(monitor)) {
+      std::cout << "  child " << pid << " " << name << "\n";
+      pids.push_back(pid);
+    }
+  } else {
+    std::cout << "monitor: " << (monitor > 0 ? std::to_string(monitor) + " (ended)" : "none")
+              << "\n";
+  }
+
+  // Read, not taken: looking must not drop other streams' entries.
+  Json::Value registry;
+  LibReelhall::ReadJsonFromFile(librh::machine::Resolve(librh::machine::kLoadRegistry), registry);
+  Json::Value mine(Json::arrayValue);
+  if (registry.isArray()) {
+    for (const Json::Value& entry : registry) {
+      if (!entry.isObject() || !entry["PID"].isInt()) continue;
+      for (int pid : pids) {
+        if (entry["PID"].asInt() == pid) mine.append(entry);
+      }
+    }
+  }
+  std::cout << "registry entries of its transcoder:\n";
+  PrintJson(mine);
+  return kOk;
+}
+
+int Close(const Arguments& arguments) {
+  HttpLiveStream stream(arguments[0]);
+  if (access(stream.GetVTEFileFullPath("").c_str(), F_OK) != 0) {
+    std::cerr << "vtetool: hls-close: no HLS session " << arguments[0] << std::endl;
+    return kFailed;
+  }
+  stream.Close();
+  std::cout << "closed " << arguments[0] << std::endl;
+  return kOk;
+}
+
+const CommandRegistration kOpen({"hls-open",
+                                 "<file> <profile file> <profile> [device] [audio format]",
+                                 "create and open an HLS stream; prints its id and playlist", 3,
+                                 5, Open});
+const CommandRegistration kSegment({"hls-segment", "<stream id> <fragment id>",
+                                    "request a segment as a client would (restarting the "
+                                    "transcoder when needed) and print its path",
+                                    2, 2, Segment});
+const CommandRegistration kState({"hls-state", "<stream id>",
+                                  "show an HLS session: files, seek memory, monitor and "
+                                  "transcoder pids, registry entries",
+                                  1, 1, State});
+const CommandRegistration kClose({"hls-close", "<stream id>",
+                                  "end an HLS stream: stop its processes, remove its session", 1,
+                                  1, Close});
+
+}  // namespace
+}  // namespace vtetool

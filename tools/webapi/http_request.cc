@@ -1,0 +1,109 @@
+#include "tools/webapi/http_request.h"
+
+#include <cctype>
+#include <cstdlib>
+
+#include <json/json.h>
+
+namespace webapi {
+namespace {
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// A run of decimal digits only; strtoll alone would take "-5" or " 5".
+bool ParseCount(const std::string& text, long long* value) {
+  if (text.empty() || text.size() > 18) return false;
+  for (char c : text) {
+    if (!isdigit(static_cast<unsigned char>(c))) return false;
+  }
+  *value = strtoll(text.c_str(), nullptr, 10);
+  return true;
+}
+
+}  // namespace
+
+std::string PercentDecode(const std::string& text, bool plusIsSpace) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '%' && i + 2 < text.size() && HexValue(text[i + 1]) >= 0 &&
+        HexValue(text[i + 2]) >= 0) {
+      out += static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2]));
+      i += 2;
+    } else if (c == '+' && plusIsSpace) {
+      out += ' ';
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+std::map<std::string, std::string> ParseQuery(const std::string& query) {
+  std::map<std::string, std::string> keys;
+  size_t start = 0;
+  while (start <= query.size()) {
+    size_t end = query.find('&', start);
+    if (end == std::string::npos) end = query.size();
+    const std::string pair = query.substr(start, end - start);
+    if (!pair.empty()) {
+      const size_t equals = pair.find('=');
+      const std::string key = PercentDecode(pair.substr(0, equals), true);
+      keys[key] = equals == std::string::npos ? "" : PercentDecode(pair.substr(equals + 1), true);
+    }
+    start = end + 1;
+  }
+  return keys;
+}
+
+ByteRange ResolveRange(const std::string& header, long long length) {
+  ByteRange range;
+  const std::string prefix = "bytes=";
+  if (header.compare(0, prefix.size(), prefix) != 0) return range;
+  const std::string spec = header.substr(prefix.size());
+  const size_t dash = spec.find('-');
+  if (dash == std::string::npos || spec.find(',') != std::string::npos) return range;
+  long long first = 0;
+  long long last = 0;
+  const bool hasFirst = ParseCount(spec.substr(0, dash), &first);
+  const bool hasLast = ParseCount(spec.substr(dash + 1), &last);
+  if (!hasFirst && dash != 0) return range;
+  if (dash + 1 < spec.size() && !hasLast) return range;
+  if (!hasFirst) {
+    // "bytes=-N": the last N bytes, which needs the length.
+    if (!hasLast || length <= 0 || last == 0) return range;
+    range.kind = ByteRange::kPart;
+    range.first = last >= length ? 0 : length - last;
+    range.last = length - 1;
+    return range;
+  }
+  if (hasLast && last < first) return range;
+  if (length > 0 && first >= length) {
+    range.kind = ByteRange::kUnsatisfiable;
+    return range;
+  }
+  range.kind = ByteRange::kPart;
+  range.first = first;
+  if (length > 0) {
+    range.last = hasLast && last < length ? last : length - 1;
+  } else {
+    range.last = hasLast ? last : -1;
+  }
+  return range;
+}
+
+std::string ErrorBody(const std::string& code) {
+  Json::Value body;
+  body["error"] = code;
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  return Json::writeString(writer, body);
+}
+
+}  // namespace webapi

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Generates the sample media of the demo and the browser tests into DIR (kept
+# when already there):
+#   sample.mp4       60 s of H.264 + AAC; the top strip shows the picture's
+#                    second in binary (eight blocks, least significant on the
+#                    left, white = 1), so a player can be checked to show the
+#                    picture of the time it claims
+#   sample.eng.srt   subtitles beside it, one cue every 5 s
+#   dts-audio.mkv    DTS audio, which the engine refuses on this platform
+set -euo pipefail
+dir=${1:?usage: make-sample.sh DIR}
+mkdir -p "$dir"
+run() { ffmpeg -hide_banner -loglevel error -y "$@"; }
+
+if [[ ! -s $dir/sample.mp4 ]]; then
+  run -f lavfi -i "testsrc2=size=640x360:rate=25:duration=60" \
+    -f lavfi -i "nullsrc=size=640x40:rate=25:duration=60,format=gray,geq=lum='255*mod(floor(T/pow(2\,floor(X/80)))\,2)'" \
+    -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=60" \
+    -filter_complex "[0:v][1:v]overlay=0:0,format=yuv420p[v]" -map "[v]" -map 2:a -ac 2 \
+    -c:v libx264 -preset veryfast -g 25 -c:a aac -b:a 96k -movflags +faststart "$dir/sample.mp4.part.mp4"
+  mv "$dir/sample.mp4.part.mp4" "$dir/sample.mp4"
+fi
+
+if [[ ! -s $dir/sample.eng.srt ]]; then
+  for ((i = 0; i < 12; i++)); do
+    printf '%d\n00:00:%02d,000 --> 00:00:%02d,500\nCue %d at second %d\n\n' \
+      $((i + 1)) $((i * 5)) $((i * 5 + 4)) $((i + 1)) $((i * 5)) | sed 's/00:00:60/00:01:00/g'
+  done > "$dir/sample.eng.srt"
+fi
+
+if [[ ! -s $dir/dts-audio.mkv ]]; then
+  run -f lavfi -i "testsrc2=size=320x240:rate=25:duration=2" \
+    -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=2" -ac 2 \
+    -c:v libx264 -preset ultrafast -c:a dca -strict -2 "$dir/dts-audio.part.mkv"
+  mv "$dir/dts-audio.part.mkv" "$dir/dts-audio.mkv"
+fi

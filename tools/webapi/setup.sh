@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Sets up the reference web API and runs it in the foreground on 127.0.0.1.
+#
+#   setup.sh packages
+#       installs the player packages pinned in package-lock.json (npm ci)
+#       when they are missing
+#   setup.sh serve --build DIR --media DIR --port PORT --state DIR [--break-segments]
+#       makes a machine root in STATE with the transcoder launchers of the
+#       build, writes the web server's configuration there and runs lighttpd
+#       (not as a daemon) until it is signalled. --break-segments serves every
+#       HLS segment cut short, to prove that the player tests notice.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+
+if [[ ${1:-} == packages ]]; then
+  [[ -d $here/node_modules/hls.js && -d $here/node_modules/dashjs && -d $here/node_modules/mpegts.js &&
+    -d $here/node_modules/playwright-core ]] || (cd "$here" && npm ci --no-audit --no-fund --loglevel=error)
+  exit 0
+fi
+
+[[ ${1:-} == serve ]] || { sed -n '2,12p' "$0" >&2; exit 2; }
+shift
+build= media= port= state= break_segments=0
+while (($#)); do
+  case $1 in
+    --build) build=$(cd "$2" && pwd); shift 2 ;;
+    --media) media=$(cd "$2" && pwd); shift 2 ;;
+    --port) port=$2; shift 2 ;;
+    --state) state=$2; shift 2 ;;
+    --break-segments) break_segments=1; shift ;;
+    *) echo "setup.sh: unknown option $1" >&2; exit 2 ;;
+  esac
+done
+[[ -n $build && -n $media && -n $port && -n $state ]] || { echo "setup.sh: missing option" >&2; exit 2; }
+mkdir -p "$state"
+state=$(cd "$state" && pwd)
+
+# The machine root: a generic two-core x86 box with one data volume, and the
+# launchers where the NAS keeps its transcoders.
+root=$state/root
+mkdir -p "$root/tmp/Reelhall" "$root/run" "$root/volume1" "$root/etc.defaults" "$root/proc" \
+  "$root/var/packages/Reelhall/etc" "$root/var/packages/Reelhall/target/bin"
+echo 'unique="reelbox_x86_1019"' > "$root/etc.defaults/orvoinfo.conf"
+echo 'support_codec_dts="no"' > "$root/var/packages/Reelhall/etc/codecs.conf"
+for cpu in 0 1; do
+  printf 'processor\t: %d\nvendor_id\t: GenuineIntel\ncpu cores\t: 2\nbogomips\t: 4800.00\n\n' $cpu
+done > "$root/proc/cpuinfo"
+ln -sfn "$build/tools/launchers/ffmpeg-launcher" "$root/var/packages/Reelhall/target/bin/ffmpeg"
+ln -sfn "$build/tools/launchers/gst-launcher" "$root/var/packages/Reelhall/target/bin/gst-launch-1.0"
+
+# Every endpoint is the one CGI program under its own name.
+mkdir -p "$state/api"
+for endpoint in files open stream close subtitle; do
+  ln -sfn "$build/tools/webapi/webapi-cgi" "$state/api/$endpoint"
+done
+
+cat > "$state/lighttpd.conf" <<CONF
+server.modules = ("mod_alias", "mod_cgi", "mod_setenv", "mod_staticfile")
+server.document-root = "$here/player"
+server.bind = "127.0.0.1"
+server.port = $port
+server.errorlog = "$state/server.log"
+server.upload-dirs = ("$state")
+# Segments are sent as they are produced; a request may wait a minute for one.
+server.stream-response-body = 2
+server.max-write-idle = 360
+index-file.names = ("index.html")
+mimetype.assign = (".html" => "text/html; charset=utf-8", ".js" => "text/javascript",
+                   ".mjs" => "text/javascript", ".map" => "application/json", ".css" => "text/css")
+alias.url = ("/api/" => "$state/api/", "/lib/" => "$here/node_modules/")
+\$HTTP["url"] =~ "^/api/" { cgi.assign = ("" => "") }
+setenv.add-environment = (
+  "PATH" => "/usr/local/bin:/usr/bin:/bin",
+  "ORVOVTE_MACHINE_ROOT" => "$root",
+  "WEBAPI_MEDIA_DIR" => "$media",
+  "WEBAPI_PROFILE_DIR" => "$here/../profiles",
+  "WEBAPI_SUBTITLE_SERVICE" => "$build/tools/subtitle-service",
+  "WEBAPI_LOG" => "$state/requests.log",
+  "WEBAPI_BREAK_SEGMENTS" => "$break_segments"
+)
+CONF
+exec lighttpd -D -f "$state/lighttpd.conf"

@@ -1,0 +1,122 @@
+#include "vte/adapt_stream.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <ctime>
+#include <exception>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+using librh::machine::kFindProgram;
+using librh::machine::kRemoveProgram;
+
+constexpr char kAccessStatusFile[] = "access_status";
+
+// The URL goes verbatim into the Smooth manifest, which is XML.
+constexpr char kSmoothFormat[] = "SS";
+constexpr char kHlsFormat[] = "HLS";
+
+// `params[key]` when `params` is an object holding `key`; null otherwise, so
+// a caller never indexes a value of the wrong kind (jsoncpp would throw).
+const Json::Value* Member(const Json::Value& params, const char* key) {
+  if (!params.isObject()) return nullptr;
+  return params.find(key, key + strlen(key));
+}
+
+const Json::Value* StringMember(const Json::Value& params, const char* key) {
+  const Json::Value* value = Member(params, key);
+  return value != nullptr && value->isString() ? value : nullptr;
+}
+
+std::string NonEmptyString(const Json::Value& params, const char* key) {
+  const Json::Value* value = StringMember(params, key);
+  return value != nullptr ? value->asString() : "";
+}
+
+}  // namespace
+
+AdaptStream::AdaptStream(const std::string& streamId, const std::string& format)
+    : VTEStream(streamId, format) {}
+
+AdaptStream::~AdaptStream() = default;
+
+bool AdaptStream::Close() { return CloseStreamCommon(); }
+
+bool AdaptStream::InitAdaptStream(const Json::Value& params, const std::string& audioId) {
+  try {
+    const Json::Value* force = Member(params, "force_open_vte");
+    const bool forceOpen = force != nullptr && force->isBool() && force->asBool();
+    if (!InitStreamCommon(audioId, forceOpen)) return false;
+    return !NonEmptyString(params, "url").empty();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+std::string AdaptStream::GetStreamURL(const Json::Value& params) const {
+  try {
+    const std::string url = NonEmptyString(params, "url");
+    const std::string format = NonEmptyString(params, "format");
+    if (url.empty() || format.empty() || type_.empty() || streamId_.empty()) return "";
+
+    const std::string separator = type_ == kSmoothFormat ? "&amp;" : "&";
+    std::string text = url + "?format=" + format + separator + "id=" + streamId_;
+    const auto appendString = [&](const char* key) {
+      if (const Json::Value* value = StringMember(params, key)) {
+        text += separator + key + "=" + value->asString();
+      }
+    };
+    appendString("api");
+    const Json::Value* version = Member(params, "version");
+    if (version != nullptr &&
+        (version->type() == Json::intValue || version->type() == Json::uintValue)) {
+      text += separator + "version=" + std::to_string(version->asLargestInt());
+    }
+    appendString("method");
+    const Json::Value* header = Member(params, "hls_header");
+    if (header != nullptr && header->isBool() && header->asBool()) {
+      text += separator + "hls_header=1";
+    }
+    appendString("token");
+    appendString("_sid");
+    appendString("OrvoToken");
+    appendString("sharing_id");
+    // A line break or other control character in a client's value would end
+    // the playlist or manifest line early and smuggle in lines of its own.
+    for (const char c : text) {
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "";
+    }
+    return text;
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
+bool AdaptStream::SeekingHandler() const {
+  if (streamId_.empty() || type_.empty()) return false;
+  SaveMonitorPid(0, true);
+  const std::string session = GetVTEFileFullPath("");
+  const char* pattern = type_ == kHlsFormat ? "slice*" : "smooth";
+  // -L: the session directory is a link to the volume holding the files.
+  // -prune: find must not descend into a directory it has just removed,
+  // which it would report as a failure.
+  const char* const argv[] = {kFindProgram, "-L",    session.c_str(), "-name",
+                              pattern,      "-prune", "-exec",        kRemoveProgram,
+                              "-rf",        "{}",    ";",             nullptr};
+  return OLIBCExecv(kFindProgram, argv, 1) == 0;
+}
+
+bool AdaptStream::VTEIsTimeout(unsigned long seconds) const {
+  if (streamId_.empty()) return false;
+  struct stat info;
+  if (stat(GetVTEFileFullPath(kAccessStatusFile).c_str(), &info) != 0) return false;
+  const long long idle = static_cast<long long>(time(nullptr)) - info.st_mtime;
+  return idle >= 0 && static_cast<unsigned long long>(idle) >= seconds;
+}
+
+}  // namespace LibOrvoVTE

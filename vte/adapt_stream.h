@@ -1,0 +1,51 @@
+// The base of the fragment-based streams (HLS and Smooth Streaming): the
+// transcoder writes its output as files in the session directory, and each
+// client request for one of them reaches the library through ReadFragment in
+// a process of its own.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+#include "vte/liborvovte.h"
+
+namespace LibOrvoVTE {
+
+class AdaptStream : public VTEStream {
+ public:
+  ~AdaptStream() override;
+
+  // Opens the session: `params` are the client's stream parameters (with the
+  // "url" fragments are later requested under), `subtitleParams` and the two
+  // strings are each derived kind's own.
+  virtual bool Init(const Json::Value& params, const Json::Value& subtitleParams,
+                    const std::string& audioId, const std::string& audioFormat) = 0;
+  // Makes sure a transcoder will produce `fragmentId`, starting or
+  // restarting one when needed.
+  virtual bool Transcoding(const std::string& fragmentId) = 0;
+  // Waits (bounded) until `fragmentId` is complete; its full path, or "".
+  virtual std::string ReadFragment(const std::string& fragmentId) = 0;
+  // Stops the monitor and removes the session.
+  virtual bool Close();
+
+  // The common part of every Init: the open checks for `audioId` (the
+  // client may force the open with "force_open_vte"), then whether
+  // `params` carry a non-empty "url". On a failed check the error code
+  // stands; a missing url fails without one.
+  bool InitAdaptStream(const Json::Value& params, const std::string& audioId);
+  // The URL prefix under which fragments are requested, with the client's
+  // optional keys; "" when "url", "format", the id or the type is missing.
+  std::string GetStreamURL(const Json::Value& params) const;
+  // Stops the running monitor and deletes the fragments it produced, before
+  // a run at another position starts. False when the deletion failed.
+  bool SeekingHandler() const;
+  // Whether no client has touched the session ("access_status") for at
+  // least `seconds`. A session never accessed never times out.
+  bool VTEIsTimeout(unsigned long seconds) const;
+
+ protected:
+  AdaptStream(const std::string& streamId, const std::string& format);
+};
+
+}  // namespace LibOrvoVTE

@@ -1,0 +1,345 @@
+#include "vte/http_stream.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "tests/support/child.h"
+#include "tests/support/launchers.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
+#include "tests/support/test_media.h"
+#include "vte/utils/trans_loading.h"
+#include "vte/utils/vteutils.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+using orvotest::Media;
+using ::testing::Contains;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kProfile[] = "http_320x240_x264_vb256_mp3_ab64";
+// Enough of a transport stream for ffprobe to find both streams.
+constexpr size_t kHeadBytes = 96 * 1024;
+// A runaway transcoder must not make a test read forever.
+constexpr size_t kMaxBytes = 16 * 1024 * 1024;
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Reads until the stream ends or `limit` bytes have come, appending to `file`.
+size_t ReadInto(HttpStream& stream, const std::string& file, size_t limit) {
+  std::ofstream out(file, std::ios::binary | std::ios::app);
+  char buffer[16384];
+  size_t total = 0;
+  while (total < limit) {
+    const int got = stream.Read(buffer, sizeof(buffer));
+    if (got < 0) break;
+    out.write(buffer, got);
+    total += static_cast<size_t>(got);
+  }
+  return total;
+}
+
+// The frames of H.264 video decoded from an MPEG-TS with `audio` audio, or
+// -1 (with the failure recorded) when the file is not that.
+long TransportStreamFrames(const std::string& file, const std::string& audio) {
+  orvotest::ProbedMedia media;
+  if (!orvotest::ProbeMedia(file, &media)) return -1;
+  const orvotest::ProbedStream* video = media.Stream("video");
+  const orvotest::ProbedStream* sound = media.Stream("audio");
+  if (media.format != "mpegts" || video == nullptr || sound == nullptr) {
+    ADD_FAILURE() << file << " is no MPEG-TS with video and audio";
+    return -1;
+  }
+  EXPECT_EQ(video->codec, "h264") << file;
+  EXPECT_EQ(sound->codec, audio) << file;
+  return video->frames;
+}
+
+TEST(ProgressiveArithmetic, RateSizeAndTimeFromTheProfileName) {
+  const struct {
+    const char* key;
+    int rate;
+  } rates[] = {
+      {"http_hd480_x264_vb1024_aac_ab128", 1310720},
+      {"vb1024_ab128_vb512", 786432},  // the later video token wins
+      {"ab64\nvb256", 393216},
+      {"http_hd720_x264_vb2048", -1},
+      {"http_aac_ab128", -1},
+      {"avb100_ab10", -1},
+      {"___", -1},
+      {"", -1},
+  };
+  for (const auto& c : rates) EXPECT_EQ(progressive::TransBitRate(c.key), c.rate) << c.key;
+
+  const struct {
+    int rate;
+    unsigned int duration;
+    unsigned long long bytes;
+  } sizes[] = {
+      {1310720, 40, 6553600},
+      {1310720, 0, 0},
+      {-1, 40, 0},
+      // In single precision 16777217 s is 2^24 s; double would give 152576 more.
+      {1220608, 16777217, 2559800508416ULL},
+  };
+  for (const auto& c : sizes) {
+    EXPECT_EQ(progressive::PredictSize(c.rate, c.duration), c.bytes)
+        << c.rate << " for " << c.duration << " s";
+  }
+
+  const struct {
+    long long offset;
+    int rate;
+    long long seconds;
+  } times[] = {
+      {0, 1310720, 0},           {1638400, 1310720, 10},  {1638399, 1310720, 9},
+      {-1638400, 1310720, -10},  {-1, 1310720, 0},        {4294967296LL, 1310720, 26214},
+      {100, 0, -1},              {100, -1, -1},
+  };
+  for (const auto& c : times) {
+    EXPECT_EQ(progressive::ByteOffsetToSeconds(c.offset, c.rate), c.seconds)
+        << c.offset << " at " << c.rate;
+  }
+}
+
+TEST(ProgressiveArithmetic, ScaleResolution) {
+  const struct {
+    float ratio;
+    const char* requested;
+    bool ok;
+    const char* result;
+  } cases[] = {
+      {16.0f / 9.0f, "hd720", true, "1280x720"},
+      {1.7778f, "hd720", true, "1290x720"},  // 1280.016 rounds up
+      {1.3333f, "hd480", true, "640x480"},
+      {2.35f, "hd720", true, "1700x720"},
+      {1.7778f, "1920x1080", true, "1920x1080"},
+      {1.7778f, "", false, ""},
+      {0.0f, "hd720", false, "hd720"},
+      {-1.0f, "hd480", false, "hd480"},
+  };
+  for (const auto& c : cases) {
+    std::string result = "stale";
+    EXPECT_EQ(progressive::ScaleResolution(c.ratio, c.requested, result), c.ok)
+        << c.ratio << " " << c.requested;
+    EXPECT_EQ(result, c.result) << c.ratio << " " << c.requested;
+  }
+}
+
+class HttpStreamTest : public orvotest::StreamTest {
+ protected:
+  static std::string NewSession(Media media, const std::string& profile, const std::string& id,
+                                const std::string& profileFile = "http.json") {
+    return orvotest::CreateSession(media, "HTTP", profileFile, profile, id);
+  }
+
+  static std::string SessionPath(const std::string& id, const std::string& name = "") {
+    return orvotest::SessionPath("HTTP", id, name);
+  }
+
+  // The transcoder's pid, once its process has recorded it in the session.
+  static int TranscoderPid(const std::string& id) {
+    return orvotest::RecordedPid(SessionPath(id, "monitor.pid"));
+  }
+
+  static std::string Ffmpeg() { return librh::machine::Resolve(librh::machine::kPackageFFmpeg); }
+};
+
+TEST_F(HttpStreamTest, AnswersFromTheSessionProfileAndSource) {
+  const std::string id =
+      NewSession(Media::kLongH264Mp3Mkv, "http_hd480_x264_vb1024_aac_ab128", "s");
+  ASSERT_EQ(id, "s");
+  HttpStream stream(id);
+  EXPECT_EQ(stream.GetTransBitRate(), 1310720);
+  EXPECT_EQ(stream.VTE_HTTP_PredictTransFileSize(), 1310720ULL * 40 / 8);
+  EXPECT_EQ(stream.ConvertByteRangeToTimeRange(1310720LL * 25 / 8), 25);
+  std::string size;
+  EXPECT_TRUE(stream.VTE_HTTP_SCALE_RESOLUTION("hd480", size));
+  EXPECT_EQ(size, "640x480");  // the source is 4:3
+  EXPECT_THAT(stream.CalculateFFmpegArgument(), Contains("mpegts"));
+
+
+  const std::string rotated = NewSession(Media::kRotatedMp4, kProfile, "r");
+  HttpStream turned(rotated);
+  EXPECT_EQ(turned.GetFirstVideoInfo()["rotate"].asUInt(), 90u);
+  EXPECT_EQ(turned.GetMetaVideoRotate(), 0u);
+}
+
+TEST_F(HttpStreamTest, PlaysTheWholeSourceAndLeavesNothingAfterClose) {
+  const std::string id = NewSession(Media::kLongH264Mp3Mkv, kProfile, "whole");
+  ASSERT_EQ(id, "whole");
+  const std::string output = Root().Path() + "/whole.ts";
+  HttpStream stream(id);
+  ASSERT_TRUE(stream.Init("")) << stream.GetErrorString();
+  ASSERT_TRUE(stream.Transcoding(Ffmpeg(), 0));
+  const int transcoder = TranscoderPid(id);
+  // Nobody reads yet, so the transcoder waits on the full pipe meanwhile.
+  EXPECT_TRUE(orvotest::WaitUntil([&] { return orvotest::Registered(transcoder); }, 10000))
+      << "the transcoder " << transcoder << " never took a slot";
+
+  EXPECT_GT(ReadInto(stream, output, kMaxBytes), kHeadBytes);
+  EXPECT_TRUE(stream.Close());
+  EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
+  EXPECT_TRUE(orvotest::Ends(transcoder));
+  EXPECT_FALSE(orvotest::Registered(transcoder));
+
+  // 40 s at 15 frames a second, give or take a second.
+  EXPECT_NEAR(TransportStreamFrames(output, "mp3"), 600, 15);
+}
+
+TEST_F(HttpStreamTest, StartsAtThirtySecondsAndClosesFromAnotherRequest) {
+  const std::string id = NewSession(Media::kLongH264Mp3Mkv, kProfile, "seek");
+  ASSERT_EQ(id, "seek");
+  const std::string head = Root().Path() + "/head.ts";
+  HttpStream stream(id);
+  ASSERT_TRUE(stream.Init(""));
+  ASSERT_TRUE(stream.Transcoding(Ffmpeg(), 30));
+  ASSERT_GE(ReadInto(stream, head, kHeadBytes), kHeadBytes);
+  const int transcoder = TranscoderPid(id);
+  EXPECT_TRUE(orvotest::Registered(transcoder));
+
+  // The transcoder is blocked on the pipe, alive, while another request
+  // closes the stream.
+  EXPECT_EQ(orvotest::RunInChild([&] { return HttpStream(id).Close() ? 0 : 1; }), 0);
+  EXPECT_FALSE(orvotest::Registered(transcoder));
+  EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
+  // What was still in the pipe drains, then the stream ends.
+  EXPECT_LT(ReadInto(stream, Root().Path() + "/tail.ts", kMaxBytes), kMaxBytes);
+  EXPECT_TRUE(orvotest::Ends(transcoder));
+  EXPECT_TRUE(stream.Close());
+
+  orvotest::ProbedMedia media;
+  ASSERT_TRUE(orvotest::ProbeMedia(head, &media));
+  const orvotest::ProbedStream* video = media.Stream("video");
+  ASSERT_NE(video, nullptr) << "no video in the first bytes";
+  // Timestamps are the source's; the muxer adds its fixed delay of 1.4 s.
+  EXPECT_GE(video->start, 30.0);
+  EXPECT_LT(video->start, 32.0);
+}
+
+TEST_F(HttpStreamTest, GstreamerPlatformStreamsMpegTs) {
+  orvotest::PlatformFiles braswell;
+  braswell.name = "braswell";
+  Root().Play(braswell);
+  const std::string id =
+      NewSession(Media::kH264AacMp4, "gst_hls_hd480_h264_aac", "gst", "gstreamer.json");
+  ASSERT_EQ(id, "gst");
+  const std::string output = Root().Path() + "/gst.ts";
+  HttpStream stream(id);
+  ASSERT_TRUE(stream.Init("")) << stream.GetErrorString();
+  ASSERT_TRUE(stream.Transcoding(librh::machine::Resolve(librh::machine::kPackageGstLaunch), 0));
+  const int transcoder = TranscoderPid(id);
+  EXPECT_GT(ReadInto(stream, output, kMaxBytes), 0u);
+  EXPECT_TRUE(stream.Close());
+  EXPECT_TRUE(orvotest::Ends(transcoder));
+  EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
+
+  EXPECT_GT(TransportStreamFrames(output, "aac"), 0);
+}
+
+TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
+  const std::string silent = Root().Path() + "/silent-transcoder";
+  {
+    std::ofstream script(silent);
+    script << "#!/bin/sh\nexec sleep 60\n";
+  }
+  ASSERT_EQ(chmod(silent.c_str(), 0755), 0);
+  const std::string id = NewSession(Media::kH264AacMp4, kProfile, "silent");
+  HttpStream stream(id);
+  ASSERT_TRUE(stream.Init(""));
+  ASSERT_TRUE(stream.Transcoding(silent, 0));
+  const int transcoder = TranscoderPid(id);
+
+  orvotest::LogCapture log;
+  char buffer[4096];
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(stream.Read(buffer, sizeof(buffer)), -1);
+  EXPECT_NEAR(SecondsSince(start), 30.0, 2.0);
+  ASSERT_EQ(log.Lines().size(), 1u) << log.Dump();
+  EXPECT_EQ(log.Lines()[0].priority, LOG_ERR);
+  EXPECT_THAT(log.Lines()[0].text,
+              ::testing::MatchesRegex("http_stream:[0-9]+ Reading streaming data timeout"));
+
+  EXPECT_TRUE(OLIBCProcAlive(transcoder));
+  EXPECT_TRUE(stream.Close());
+  EXPECT_TRUE(orvotest::Ends(transcoder));
+}
+
+TEST_F(HttpStreamTest, InitWaitsForATranscodingSlot) {
+  const std::string id = NewSession(Media::kH264AacMp4, kProfile, "wait");
+  // Another transcoder holds the only software slot for two seconds.
+  const pid_t holder = orvotest::StartChild([] {
+    sleep(2);
+    return 0;
+  });
+  {
+    LibReelhall::TransLoading registry;
+    ASSERT_TRUE(registry.SaveTransPID(holder, false, false));
+  }
+  HttpStream stream(id);
+  const Clock::time_point start = Clock::now();
+  EXPECT_TRUE(stream.Init("2"));
+  EXPECT_GE(SecondsSince(start), 1.0);
+  EXPECT_LT(SecondsSince(start), 10.0);
+  EXPECT_EQ(ReadFile(SessionPath(id, "audio_id")), "2");
+  EXPECT_EQ(orvotest::WaitForChild(holder, 5), 0);
+  EXPECT_TRUE(stream.Close());
+}
+
+TEST_F(HttpStreamTest, BadInputStartsNothingAndLeavesNothing) {
+  char buffer[64];
+  {
+    HttpStream full(kTransSpaceNotEnough);
+    EXPECT_FALSE(full.Init(""));
+    EXPECT_EQ(full.GetErrorString(), "TransSapceNotEnough");
+  }
+  {
+    HttpStream missing("never-created");
+    EXPECT_FALSE(missing.Init(""));
+    EXPECT_EQ(missing.GetErrorString(), "");
+  }
+
+  const std::string noPath = NewSession(Media::kH264AacMp4, kProfile, "no-path");
+  HttpStream pathless(noPath);
+  ASSERT_TRUE(pathless.Init(""));
+  EXPECT_EQ(pathless.Read(buffer, sizeof(buffer)), -1) << "no transcoder yet";
+  EXPECT_FALSE(pathless.Transcoding("", 0));
+  EXPECT_EQ(pathless.Read(buffer, sizeof(buffer)), -1);
+  EXPECT_FALSE(orvotest::Exists(SessionPath(noPath, "monitor.pid")));
+  EXPECT_TRUE(pathless.Close());
+  EXPECT_FALSE(orvotest::Exists(SessionPath(noPath)));
+
+  // Without video there is nothing to transcode: the transcoder's process
+  // records itself and leaves, and the reader sees the end at once.
+  const std::string noVideo = NewSession(Media::kAudioOnlyMp3, kProfile, "no-video");
+  ASSERT_EQ(noVideo, "no-video");
+  HttpStream audioOnly(noVideo);
+  ASSERT_TRUE(audioOnly.Init(""));
+  EXPECT_TRUE(audioOnly.CalculateFFmpegArgument().empty());
+  ASSERT_TRUE(audioOnly.Transcoding(Ffmpeg(), 0));
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(audioOnly.Read(buffer, sizeof(buffer)), -1);
+  EXPECT_LT(SecondsSince(start), 5.0);
+  const int transcoder = TranscoderPid(noVideo);
+  EXPECT_GT(transcoder, 0);
+  EXPECT_TRUE(orvotest::Ends(transcoder));
+  EXPECT_FALSE(orvotest::Registered(transcoder));
+  EXPECT_TRUE(audioOnly.Close());
+  EXPECT_FALSE(orvotest::Exists(SessionPath(noVideo)));
+}
+
+}  // namespace
+}  // namespace LibOrvoVTE

@@ -1,0 +1,269 @@
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
+#include "tests/support/test_media.h"
+#include "vte/smooth_manifest.h"
+#include "vte/smooth_stream.h"
+#include "vte/utils/json_utils.h"
+#include "vte/utils/vteutils.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+using smooth::QualityValues;
+
+const std::string kProfileFile = std::string(ORVOVTE_SAMPLE_PROFILES) + "/smooth.json";
+
+// A source at each aspect class: 4:3, 16:9 and 2.35:1.
+const float kClassRatios[] = {4.0f / 3, 16.0f / 9, 2.35f};
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// What a profile's name promises, read independently of the tables:
+// "smoothstreaming_hd720_x264_vb1500_vf15_aac_ab128" is height 720, video
+// 1500 kbit/s, audio 128 kbit/s.
+struct NamedProfile {
+  std::string heightKey;
+  std::string bitrate;
+  std::string audioBitrate;
+  bool hardware;
+};
+
+NamedProfile FromName(const std::string& name) {
+  NamedProfile named;
+  named.hardware = name.find("_h264_smd_") != std::string::npos;
+  for (const std::string& word : StringExplode(name, "_")) {
+    if (word.rfind("vb", 0) == 0) named.bitrate = word.substr(2) + "000";
+    if (word.rfind("ab", 0) == 0) named.audioBitrate = word.substr(2) + "000";
+    if (word.back() == 'p' && isdigit(word[0])) named.heightKey = word.substr(0, word.size() - 1);
+    if (word.rfind("hd", 0) == 0) named.heightKey = word.substr(2);
+  }
+  return named;
+}
+
+TEST(SmoothManifest, RendersTheDocumentByteForByte) {
+  QualityValues values;
+  ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", false,
+                                    4.0f / 3, values));
+  const std::string url = "/api/stream?format=ss&amp;id=abc";
+  EXPECT_EQ(smooth::RenderManifest(12, url, values),
+            "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+            "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"0\" Duration=\"120000000\">\n"
+            "<StreamIndex Type=\"video\" QualityLevels=\"1\" Chunks=\"3\" "
+            "Url=\"/api/stream?format=ss&amp;id=abc&amp;fragment_id=QualityLevels({bitrate})/"
+            "Fragments(video={start time})\">\n"
+            "<QualityLevel Index=\"0\" Bitrate=\"200000\" FourCC=\"H264\" MaxWidth=\"320\" "
+            "MaxHeight=\"240\" CodecPrivateData=\"000000016742c01eda0507e840000003004000000783c58b"
+            "a80000000168ce1f20\" />\n"
+            "<c n=\"0\" d=\"50000000\" />\n"
+            "<c n=\"1\" d=\"50000000\" />\n"
+            "<c n=\"2\" d=\"20000000\" />\n"
+            "</StreamIndex>\n"
+            "<StreamIndex Type=\"audio\" QualityLevels=\"1\" Chunks=\"3\" "
+            "Url=\"/api/stream?format=ss&amp;id=abc&amp;fragment_id=QualityLevels({bitrate})/"
+            "Fragments(audio={start time})\">\n"
+            "<QualityLevel Index=\"0\" Bitrate=\"40000\" FourCC=\"AACL\" SamplingRate=\"48000\" "
+            "Channels=\"2\" BitsPerSample=\"16\" PacketSize=\"4\" AudioTag=\"255\" "
+            "CodecPrivateData=\"1190\" />\n"
+            "<c n=\"0\" d=\"50000000\" />\n"
+            "<c n=\"1\" d=\"50000000\" />\n"
+            "<c n=\"2\" d=\"20000000\" />\n"
+            "</StreamIndex>\n"
+            "</SmoothStreamingMedia>\n");
+
+  // Chunk counts, the last chunk and the single-precision total.
+  const struct {
+    float seconds;
+    const char* duration;
+    const char* chunks;
+    const char* lastChunk;
+  } cases[] = {
+      {10, "100000000", "Chunks=\"2\"", "<c n=\"1\" d=\"50000000\" />\n</StreamIndex>"},
+      {3, "30000000", "Chunks=\"1\"", "<c n=\"0\" d=\"30000000\" />\n</StreamIndex>"},
+      {7201, "72009998336", "Chunks=\"1441\"", "<c n=\"1440\" d=\"10000000\" />\n</StreamIndex>"},
+  };
+  for (const auto& c : cases) {
+    const std::string manifest = smooth::RenderManifest(c.seconds, url, values);
+    EXPECT_NE(manifest.find(std::string("Duration=\"") + c.duration + "\""), std::string::npos)
+        << c.seconds;
+    EXPECT_NE(manifest.find(c.chunks), std::string::npos) << c.seconds;
+    // Twice: once per stream index.
+    const size_t first = manifest.find(c.lastChunk);
+    ASSERT_NE(first, std::string::npos) << c.seconds;
+    EXPECT_NE(manifest.find(c.lastChunk, first + 1), std::string::npos) << c.seconds;
+  }
+  EXPECT_EQ(smooth::RenderManifest(0, url, values), "");
+  // A URL that cannot fit the line buffer gives no manifest rather than a
+  // cut one; one that would break the attribute is escaped, references
+  // already written are kept.
+  EXPECT_EQ(smooth::RenderManifest(12, std::string(5000, 'u'), values), "");
+  EXPECT_NE(smooth::RenderManifest(3, "/s?a=1&amp;b=\"><x&y&#38;", values)
+                .find("Url=\"/s?a=1&amp;b=&quot;>&lt;x&amp;y&#38;&amp;fragment_id="),
+            std::string::npos);
+}
+
+TEST(SmoothManifest, PicksTheNearerAspectClassAndItsSize) {
+  const struct {
+    float ratio;
+    const char* aspect;
+  } classes[] = {{1.0f, "1.33"},  {1.33f, "1.33"}, {1.55f, "1.33"}, {1.56f, "1.77"},
+                 {1.77f, "1.77"}, {2.06f, "1.77"}, {2.07f, "2.35"}, {2.35f, "2.35"},
+                 {3.0f, "2.35"}};
+  for (const auto& c : classes) EXPECT_EQ(smooth::AspectClass(c.ratio), c.aspect) << c.ratio;
+
+  orvotest::LogCapture log;
+  std::string width = "kept", height = "kept";
+  EXPECT_FALSE(smooth::TransResolution("360", 1.77f, width, height));
+  EXPECT_FALSE(smooth::TransResolution("720", 0.0f, width, height));
+  EXPECT_EQ(width + height, "keptkept");
+  EXPECT_TRUE(log.Contains("smooth_stream:")) << log.Dump();
+  EXPECT_TRUE(log.Contains(" Error: Output resolution not support")) << log.Dump();
+}
+
+// Every profile of the sample file at every aspect class: the values its
+// name promises, and parameter sets that really describe that picture.
+TEST(SmoothManifest, EveryProfileRowAtEveryClass) {
+  Json::Value profiles;
+  ASSERT_TRUE(LibReelhall::ReadJsonFromFile(kProfileFile, profiles));
+  const std::vector<std::string> names = profiles.getMemberNames();
+  ASSERT_EQ(names.size(), 13u);
+  for (const std::string& name : names) {
+    const NamedProfile named = FromName(name);
+    for (float ratio : kClassRatios) {
+      const std::string tag = name + " at " + std::to_string(ratio);
+      QualityValues values;
+      ASSERT_TRUE(smooth::ProfileValues(name, named.hardware, ratio, values)) << tag;
+      EXPECT_EQ(values.bitrate, named.bitrate) << tag;
+      EXPECT_EQ(values.audioBitrate, named.audioBitrate) << tag;
+      EXPECT_EQ(values.samplingRate, "48000") << tag;
+      std::string width, height;
+      smooth::TransResolution(named.heightKey, ratio, width, height);
+      EXPECT_EQ(values.width + "x" + values.height, width + "x" + height) << tag;
+      // Baseline SPS at level 4.1 (hardware) or 3.0, then the one PPS.
+      EXPECT_EQ(values.codecPrivateData.substr(0, 16),
+                named.hardware ? "000000016742c029" : "000000016742c01e")
+          << tag;
+      EXPECT_EQ(values.codecPrivateData.substr(values.codecPrivateData.size() - 16),
+                "0000000168ce1f20")
+          << tag;
+      // Each list knows only its own encoder's profiles.
+      QualityValues other;
+      EXPECT_FALSE(smooth::ProfileValues(name, !named.hardware, ratio, other)) << tag;
+    }
+  }
+
+  QualityValues wide;
+  ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_hd720_h264_smd_vb1500_aac_ab128", true,
+                                    2.35f, wide));
+  EXPECT_EQ(wide.width + "x" + wide.height, "1280x540");
+  EXPECT_EQ(wide.codecPrivateData,
+            "000000016742c029da0140117efff00510050100000303e90000bb800f1832a00000000168ce1f20");
+  orvotest::LogCapture log;
+  EXPECT_FALSE(smooth::ProfileValues("smoothstreaming_hd1080_x264_vb4500_vf15_aac_ab128", false,
+                                     1.77f, wide));
+  EXPECT_TRUE(log.Contains(" Error: such transcoding profile not support for predect manifest"))
+      << log.Dump();
+}
+
+// The software rows are what x264 really emits with the profiles' settings:
+// every size, encoded by the stock encoder in one run.
+TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
+  std::string dir = (std::filesystem::temp_directory_path() / "smooth-sps-XXXXXX").string();
+  ASSERT_NE(mkdtemp(dir.data()), nullptr);
+  Json::Value profiles;
+  ASSERT_TRUE(LibReelhall::ReadJsonFromFile(kProfileFile, profiles));
+
+  std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-y",   "-v",
+                                   "error",  "-f",       "lavfi", "-i",
+                                   "testsrc=size=320x240:rate=25:duration=1"};
+  std::vector<std::pair<std::string, QualityValues>> outputs;
+  for (const std::string& name : profiles.getMemberNames()) {
+    if (FromName(name).hardware) continue;
+    for (float ratio : kClassRatios) {
+      QualityValues values;
+      ASSERT_TRUE(smooth::ProfileValues(name, false, ratio, values)) << name;
+      const std::string out = dir + "/" + std::to_string(outputs.size()) + ".h264";
+      outputs.emplace_back(out, values);
+      // The profile's video options, with the height key as the size.
+      const std::vector<std::string> words = StringExplode(profiles[name].asString(), " ");
+      for (size_t i = 0; i < words.size() && words[i] != "-acodec"; ++i) {
+        argv.push_back(i > 0 && words[i - 1] == "-s" ? values.width + "x" + values.height
+                                                     : words[i]);
+      }
+      argv.insert(argv.end(), {"-pix_fmt", "yuv420p", "-frames:v", "1", "-f", "h264", out});
+    }
+  }
+  ASSERT_EQ(orvotest::RunQuietly(argv, 60), 0);
+  for (const auto& [path, values] : outputs) {
+    std::string hex;
+    for (unsigned char byte : Slurp(path)) {
+      static const char kDigits[] = "0123456789abcdef";
+      hex += kDigits[byte >> 4];
+      hex += kDigits[byte & 15];
+    }
+    // SPS and PPS open the stream; x264's own SEI follows.
+    EXPECT_EQ(hex.substr(0, values.codecPrivateData.size()), values.codecPrivateData)
+        << values.width << "x" << values.height;
+  }
+  orvotest::RemoveTree(dir);
+}
+
+// Init on real sessions from the 2-second 4:3 clip.
+using SmoothInit = orvotest::MachineRootTest;
+
+TEST_F(SmoothInit, WritesTheManifestOrRemovesTheSession) {
+  Json::Value params(Json::objectValue);
+  params["url"] = "/api/stream";
+  params["format"] = "ss";
+  params["token"] = "t\"k";
+  const std::string profile = "smoothstreaming_320p_x264_vb500_vf15_aac_ab64";
+  ASSERT_EQ(orvotest::CreateSession(orvotest::Media::kH264AacMp4, "SS", "smooth.json", profile,
+                                    "ss1"),
+            "ss1");
+  SmoothStream stream("ss1");
+  ASSERT_TRUE(stream.Init(params, Json::Value(), "", "")) << stream.GetErrorString();
+  QualityValues values;
+  ASSERT_TRUE(smooth::ProfileValues(profile, false, 4.0f / 3, values));
+  EXPECT_EQ(Slurp(stream.GetMainfest()),
+            smooth::RenderManifest(2, "/api/stream?format=ss&amp;id=ss1&amp;token=t&quot;k",
+                                   values));
+  EXPECT_EQ(stream.GetMainfest(), stream.GetVTEFileFullPath("manifest_predict"));
+
+  // A hardware profile where there is no hardware encoder (the software
+  // list has no 1080 row), and a missing url: the session goes.
+  const struct {
+    const char* profile;
+    const char* url;
+  } failures[] = {{"smoothstreaming_hd1080_h264_smd_vb4500_aac_ab128", "/api/stream"},
+                  {"smoothstreaming_240p_x264_vb200_vf15_aac_ab40", ""}};
+  for (const auto& failure : failures) {
+    ASSERT_EQ(orvotest::CreateSession(orvotest::Media::kH264AacMp4, "SS", "smooth.json",
+                                      failure.profile, "ss2"),
+              "ss2");
+    params["url"] = failure.url;
+    orvotest::LogCapture log;
+    SmoothStream refused("ss2");
+    EXPECT_FALSE(refused.Init(params, Json::Value(), "", "")) << failure.profile;
+    EXPECT_EQ(log.Contains(" Failed to predect manifest for smooth streaming"), *failure.url != 0)
+        << log.Dump();
+    EXPECT_FALSE(VerifyFileExist(refused.GetVTEFileFullPath(""), 0)) << failure.profile;
+  }
+}
+
+}  // namespace
+}  // namespace LibOrvoVTE

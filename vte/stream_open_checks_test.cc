@@ -1,0 +1,363 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "tests/support/child.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/machine_root.h"
+#include "tests/support/test_media.h"
+#include "vte/liborvovte.h"
+#include "vte/utils/json_utils.h"
+#include "vte/utils/trans_loading.h"
+#include "vte/utils/vteutils.h"
+
+// Every case opens real sessions made by VTE_Init from generated media. The
+// platform is fixed once per process, so cases that play another platform
+// than x86 do it in a child of their own.
+namespace LibOrvoVTE {
+namespace {
+
+namespace fs = std::filesystem;
+using orvotest::Media;
+
+constexpr char kProfiles[] =
+    "{\"encode\": \"-vcodec libx264 -s hd720 -acodec aac\","
+    " \"copy\": \"-vcodec copy -bsf:v h264_mp4toannexb -acodec aac\","
+    " \"pipeline\": \"vaapih264enc rate-control=cbr ! h264parse ! mpegtsmux\","
+    " \"smd\": \"-vcodec h264_smd -s hd720 -acodec aac\"}";
+
+class OpenedStream : public VTEStream {
+ public:
+  OpenedStream(const std::string& id, const std::string& type) : VTEStream(id, type) {}
+};
+
+// "opened" or "refused", and the error code the stream was left with.
+std::string Outcome(bool opened, const VTEStream& stream) {
+  const std::string error = stream.GetErrorString();
+  return std::string(opened ? "opened" : "refused") + (error.empty() ? "" : " " + error);
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The offline conversion service, played by the conversion-standin program
+// built beside this test program.
+class StandIn {
+ public:
+  explicit StandIn(std::vector<std::string> options) {
+    const std::string self = fs::read_symlink("/proc/self/exe").string();
+    program_ = fs::path(self).parent_path().parent_path().string() + "/tools/conversion-standin";
+    if (access(program_.c_str(), X_OK) != 0) {
+      ADD_FAILURE() << program_ << " is missing: build the conversion-standin target";
+      return;
+    }
+    std::vector<std::string> words = {program_};
+    words.insert(words.end(), options.begin(), options.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(&word[0]);
+    argv.push_back(nullptr);
+    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid_ = orvotest::StartChild([&] {
+      dup2(devnull, STDOUT_FILENO);
+      execv(argv[0], argv.data());
+      return 127;
+    });
+    close(devnull);
+    // It writes its pid file once its registry entry is in place.
+    for (int tick = 0; tick < 1000 && !Ready(); ++tick) usleep(10 * 1000);
+    EXPECT_TRUE(Ready()) << "the stand-in never registered";
+  }
+  ~StandIn() {
+    if (pid_ > 0) kill(pid_, SIGTERM);
+    Wait(10);
+  }
+
+  bool Ready() const { return pid_ > 0 && OLIBCReadPidFile(PidFile().c_str()) == pid_; }
+  bool Running() const { return pid_ > 0 && OLIBCProcAlive(pid_); }
+  // Its exit status once it has ended by itself; -1 when late (then killed).
+  int Wait(int timeoutSeconds) {
+    const int status = pid_ > 0 ? orvotest::WaitForChild(pid_, timeoutSeconds) : -1;
+    pid_ = -1;
+    return status;
+  }
+  static std::string PidFile() {
+    return librh::machine::Resolve(librh::machine::kConversionPidFile);
+  }
+
+ private:
+  std::string program_;
+  pid_t pid_ = -1;
+};
+
+class OpenChecksTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    profiles_ = root_.At("/profiles.json");
+    std::ofstream(profiles_) << kProfiles;
+  }
+
+  // A session of `media` with `profile`, opened by a new stream object.
+  std::string Open(const std::string& media, const std::string& profile,
+                   const std::string& audioId = "", bool stopOfflineConversion = false) {
+    // Ids drawn from the clock repeat within a second: each session gets its own.
+    Json::Value params;
+    params["stream_id"] = "open-" + std::to_string(++sessions_);
+    id_ = VTEStream::VTE_Init(media, kType, params, profiles_, profile, "browser", 0);
+    if (id_.empty()) return "no session";
+    OpenedStream stream(id_, kType);
+    return Outcome(stream.InitStreamCommon(audioId, stopOfflineConversion), stream);
+  }
+
+  std::string SessionDir() const {
+    return root_.At(std::string(librh::machine::kTempRoot) + "/" + kType + "/" + id_);
+  }
+  std::string SessionFile(const std::string& name) const { return SessionDir() + "/" + name; }
+
+  // Small files that each exceed one limit of a hardware engine.
+  std::string Generate(const std::string& name, std::vector<std::string> args) const {
+    const std::string path = root_.At("/media/" + name);
+    fs::create_directories(fs::path(path).parent_path());
+    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-y", "-v", "error"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    argv.push_back(path);
+    EXPECT_EQ(0, orvotest::RunQuietly(argv, 60)) << "generating " << name;
+    return path;
+  }
+  std::string GenerateVideo(const std::string& name, const std::string& size,
+                            std::vector<std::string> codec) const {
+    std::vector<std::string> args = {"-f", "lavfi", "-i",
+                                     "testsrc=size=" + size + ":rate=25:duration=0.2"};
+    args.insert(args.end(), codec.begin(), codec.end());
+    return Generate(name, args);
+  }
+
+  static constexpr char kType[] = "HLS";
+  orvotest::MachineRoot root_;
+  std::string profiles_;
+  std::string id_;
+  int sessions_ = 0;
+};
+
+TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
+  const std::string tracks = orvotest::TestMedia(Media::kTracksMkv);  // AAC 1, AC-3 2
+  const std::string silent = orvotest::TestMedia(Media::kVideoOnlyAvi);
+  // E-AC-3 as track 1 and DTS as track 2: both restricted.
+  const std::string restricted = Generate(
+      "restricted.mkv",
+      {"-f", "lavfi", "-i", "testsrc=size=64x64:rate=25:duration=0.5", "-f", "lavfi", "-i",
+       "sine=sample_rate=48000:duration=0.5", "-f", "lavfi", "-i",
+       "sine=sample_rate=48000:duration=0.5", "-map", "0:v", "-map", "1:a", "-map", "2:a",
+       "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-c:a:0", "eac3",
+       "-c:a:1", "dca", "-strict", "-2", "-ac:a:1", "2"});
+  enum Allowance { kNone, kSwitchedOn, kCustomFFmpeg };
+  struct Row {
+    std::string media, audioId;
+    Allowance allowance;
+    std::string outcome;
+  } rows[] = {
+      {tracks, "", kNone, "opened"},
+      {tracks, "2", kNone, "opened"},
+      {tracks, "7", kNone, "refused TransAudioNotSupported"},
+      {restricted, "", kNone, "refused TransAudioNotSupported"},
+      {restricted, "1", kNone, "refused TransAudioNotSupported"},
+      {restricted, "2", kNone, "refused TransAudioNotSupported"},
+      {restricted, "1", kSwitchedOn, "opened"},
+      {restricted, "2", kSwitchedOn, "opened"},
+      {restricted, "2", kCustomFFmpeg, "opened"},
+      {silent, "5", kNone, "opened"},  // no audio at all: any id will do
+  };
+  for (const Row& row : rows) {
+    const std::string context = row.media + " audio [" + row.audioId + "] allowance " +
+                                std::to_string(row.allowance);
+    root_.WriteFile(librh::machine::kCodecsConf, row.allowance == kSwitchedOn
+                                                     ? "support_codec_dts=\"yes\"\n"
+                                                     : "support_codec_dts=\"no\"\n");
+    std::error_code ignored;
+    fs::remove(root_.At(librh::machine::kSystemFFmpeg), ignored);
+    if (row.allowance == kCustomFFmpeg) root_.WriteFile(librh::machine::kSystemFFmpeg, "#!/bin/sh\n");
+
+    EXPECT_EQ(row.outcome, Open(row.media, "encode", row.audioId)) << context;
+    const bool saved = row.outcome == "opened" && !row.audioId.empty();
+    EXPECT_EQ(saved ? row.audioId : "", ReadFile(SessionFile("audio_id"))) << context;
+  }
+}
+
+TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  const std::string vp9 = orvotest::TestMedia(Media::kVp9VorbisWebm);
+  const std::vector<std::string> x264 = {"-c:v", "libx264", "-preset", "ultrafast"};
+  auto withPixels = [&](const char* format) {
+    std::vector<std::string> codec = x264;
+    codec.insert(codec.end(), {"-pix_fmt", format});
+    return codec;
+  };
+  // Taller than 2160, 4K-sized at 25 fps, 10-bit, and too tall for Evansport.
+  const std::string tall = GenerateVideo("tall.mp4", "16x2176", withPixels("yuv420p"));
+  const std::string fast4k = GenerateVideo("fast4k.mp4", "16x1936", withPixels("yuv420p"));
+  const std::string high10 = GenerateVideo("high10.mp4", "64x64", withPixels("yuv420p10le"));
+  const std::string mjpeg =
+      GenerateVideo("tall.avi", "16x496", {"-c:v", "mjpeg", "-pix_fmt", "yuvj420p"});
+  struct Row {
+    const char* platform;
+    const char* profile;
+    std::string media, outcome;
+  } rows[] = {
+      {"monaco", "pipeline", vp9, "refused TransVideoNotHardwareSupported"},
+      {"monaco", "pipeline", tall, "refused TransVideoOutOfResolutionCapability"},
+      {"monaco", "pipeline", high10, "refused TransVideoOutOfProfileCapability"},
+      {"monaco", "pipeline", fast4k, "refused TransVideoOutOfFramerateCapability"},
+      {"monaco", "pipeline", h264, "opened"},
+      {"monaco", "encode", vp9, "opened"},  // software needs no engine
+      {"evansport", "smd", mjpeg, "refused TransVideoNotSupported"},
+      {"evansport", "smd", tall, "opened"},
+      {"evansport", "encode", mjpeg, "opened"},
+      {"braswell", "pipeline", vp9, "opened"},  // its pipeline choice decides instead
+  };
+  for (const Row& row : rows) {
+    const std::string outcome = orvotest::TextFromChild([&] {
+      orvotest::PlatformFiles files;
+      files.name = row.platform;
+      orvotest::MachineRoot root(files);
+      return Open(row.media, row.profile);
+    }, 60);
+    EXPECT_EQ(row.outcome, outcome) << row.platform << " " << row.profile << " " << row.media;
+  }
+}
+
+TEST_F(OpenChecksTest, LimitAppliesToTranscodingNotToRemux) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  struct Row {
+    const char* profile;
+    int held;  // live software transcoders already registered
+    std::string outcome;
+  } rows[] = {
+      {"encode", 0, "opened"},
+      {"encode", 1, "refused TransEnable"},
+      {"copy", 1, "opened"},  // copying the video takes no transcoder
+  };
+  for (const Row& row : rows) {
+    {
+      LibReelhall::TransLoading registry;
+      registry.RemoveTransPIDLock(getpid());
+      for (int i = 0; i < row.held; ++i) registry.SaveTransPID(getpid(), false, false);
+    }
+    EXPECT_EQ(row.outcome, Open(h264, row.profile, "1")) << row.profile << " held " << row.held;
+    // A successful check reserves nothing.
+    LibReelhall::TransLoading registry;
+    EXPECT_EQ(row.held == 0, registry.TransEnable(false)) << row.profile << " held " << row.held;
+  }
+}
+
+TEST_F(OpenChecksTest, OfflineConversionBlocksUnlessAskedToYield) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  StandIn service({"--yield-after", "1"});
+  ASSERT_TRUE(service.Ready());
+  EXPECT_EQ("refused TransEnableOfflineConverting", Open(h264, "encode"));
+  EXPECT_TRUE(service.Running()) << "a stream that does not ask must not disturb the service";
+
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ("opened", Open(h264, "encode", "", true));
+  const double waited = SecondsSince(start);
+  EXPECT_EQ(0, service.Wait(10)) << "the service was asked to yield and did";
+  EXPECT_GE(waited, 1.0) << "the stream waits for the service";
+  EXPECT_LT(waited, 10.0);
+  EXPECT_EQ(-1, OLIBCReadPidFile(StandIn::PidFile().c_str()));
+}
+
+TEST_F(OpenChecksTest, ServiceThatNeverYieldsIsWaitedForAboutHalfAMinute) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  StandIn service({"--yield-after", "90"});
+  ASSERT_TRUE(service.Ready());
+  const auto start = std::chrono::steady_clock::now();
+  // The conversion still holds the one software slot when the wait ends.
+  EXPECT_EQ("refused TransEnable", Open(h264, "encode", "", true));
+  const double waited = SecondsSince(start);
+  EXPECT_GE(waited, 29.0);
+  EXPECT_LT(waited, 45.0);
+  EXPECT_TRUE(service.Running());
+}
+
+TEST_F(OpenChecksTest, BraswellStreamsRunBesideOfflineConversions) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  const std::string outcome = orvotest::TextFromChild([&] {
+    orvotest::PlatformFiles files;
+    files.name = "braswell";
+    orvotest::MachineRoot root(files);
+    StandIn service({"--hardware"});
+    const std::string opened = Open(h264, "pipeline");
+    return opened + (service.Running() && service.Ready() ? ", service undisturbed" : "");
+  }, 60);
+  EXPECT_EQ("opened, service undisturbed", outcome);
+}
+
+TEST_F(OpenChecksTest, SessionProblemsRefuseWithoutACode) {
+  struct Row {
+    const char* name;
+    std::string id, type;
+  } rows[] = {
+      {"no id", "", kType},
+      {"no type", "some-id", ""},
+      {"no session", "never-created", kType},
+  };
+  for (const Row& row : rows) {
+    OpenedStream stream(row.id, row.type);
+    EXPECT_EQ("refused", Outcome(stream.InitStreamCommon("1", false), stream)) << row.name;
+  }
+}
+
+TEST_F(OpenChecksTest, BrokenSessionsRefuseWithoutACodeAndSayWhy) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  struct Row {
+    const char* name;
+    std::function<std::string()> breakSession;  // returns the line to expect
+  } rows[] = {
+      {"session directory gone",
+       [&] {
+         // For every type but HTTP the session path is a link to a volume.
+         const std::string dir = SessionDir();
+         return unlink(dir.c_str()) == 0 ? "Can't file tmp file [" + dir + "]" : "unlink failed";
+       }},
+      {"audio_id unwritable",
+       [&] {
+         const std::string file = SessionFile("audio_id");
+         return mkdir(file.c_str(), 0755) == 0 ? "Failed to save audio ID [1] in [" + file + "]"
+                                               : "mkdir failed";
+       }},
+  };
+  for (const Row& row : rows) {
+    ASSERT_EQ("opened", Open(h264, "encode")) << row.name;
+    OpenedStream stream(id_, kType);
+    const std::string expected = row.breakSession();
+    orvotest::LogCapture logs;
+    EXPECT_EQ("refused", Outcome(stream.InitStreamCommon("1", false), stream)) << row.name;
+    EXPECT_TRUE(logs.Contains("liborvovte:")) << row.name << "\n" << logs.Dump();
+    EXPECT_TRUE(logs.Contains(" " + expected)) << row.name << "\n" << logs.Dump();
+  }
+}
+
+TEST_F(OpenChecksTest, SpaceShortageIsReportedByTheStream) {
+  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
+  orvotest::RemoveTree(root_.At("/volume1"));
+  id_ = VTEStream::VTE_Init(h264, kType, Json::Value(), profiles_, "encode", "browser", 0);
+  ASSERT_EQ(kTransSpaceNotEnough, id_);
+  OpenedStream stream(id_, kType);
+  EXPECT_EQ("refused TransSapceNotEnough", Outcome(stream.InitStreamCommon("", false), stream));
+}
+
+}  // namespace
+}  // namespace LibOrvoVTE

@@ -1,0 +1,230 @@
+// Starting a session's ffmpeg transcoder, recording the monitor that
+// supervises it, and closing the session.
+#include "vte/transcoder_process.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+
+#include "decisions/argument_helper.h"
+#include "platform/log.h"
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "platform/run_as.h"
+#include "vte/liborvovte.h"
+#include "vte/utils/trans_loading.h"
+#include "vte/utils/vteutils.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+using librh::machine::kRemoveProgram;
+
+constexpr char kLogTag[] = "liborvovte";
+
+constexpr char kMonitorPidFile[] = "monitor.pid";
+constexpr char kMonitorLockFile[] = "filelock";
+// Web-API processes of other users replace the monitor too.
+constexpr mode_t kMonitorLockMode = 0660;
+// A replaced monitor gets this long to stop its children and go.
+constexpr int kOldMonitorWaits = 5;
+
+// The platform's own tool, not a machine path resolved under the root.
+
+// The platform's hardware decoding path, which is left off for flv sources
+// and for rotated pictures.
+constexpr char kHardwareDecodeOption[] = "-prefer_smd";
+constexpr char kNoHardwareDecodeContainer[] = "flv";
+
+// Only reached where close_range cannot set the flag (kernels before 5.11);
+// a huge limit would make the loop take seconds.
+unsigned int HighestDescriptor() {
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 4096;
+  return limit.rlim_cur > 65536 ? 65536U : static_cast<unsigned int>(limit.rlim_cur);
+}
+
+void CloseOnExec(unsigned int first, unsigned int last) {
+  if (first > last) return;
+  if (close_range(first, last, CLOSE_RANGE_CLOEXEC) == 0) return;
+  const unsigned int top = std::min(last, HighestDescriptor());
+  for (unsigned int fd = first; fd <= top; ++fd) {
+    const int flags = fcntl(static_cast<int>(fd), F_GETFD);
+    if (flags >= 0 && !(flags & FD_CLOEXEC)) fcntl(static_cast<int>(fd), F_SETFD, flags | FD_CLOEXEC);
+  }
+}
+
+// Marked rather than closed: if the exec fails, the caller still has working
+// descriptors. The passed ones are made inheritable whatever their flag.
+void LimitInheritance(std::vector<int> passed) {
+  passed.erase(std::remove_if(passed.begin(), passed.end(), [](int fd) { return fd <= 2; }),
+               passed.end());
+  std::sort(passed.begin(), passed.end());
+  unsigned int first = 3;
+  for (int fd : passed) {
+    const unsigned int kept = static_cast<unsigned int>(fd);
+    if (kept < first) continue;  // listed twice
+    if (kept > first) CloseOnExec(first, kept - 1);
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags >= 0) fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC);
+    first = kept + 1;
+  }
+  CloseOnExec(first, ~0U);
+}
+
+// The decimal pid in a pid file, -1 when it holds nothing.
+int ParsePid(const std::string& text) {
+  if (text.empty()) return -1;
+  return static_cast<int>(strtol(text.c_str(), nullptr, 10));
+}
+
+}  // namespace
+
+namespace transcoder {
+
+bool Register(bool hardware) {
+  LibReelhall::TransLoading registry;
+  if (!registry.TransEnable(hardware)) {
+    ORVO_LOG(LOG_ERR, "VTE - TransEnable Failed.");
+    return false;
+  }
+  // The exec keeps the pid, so this becomes the transcoder's entry.
+  const int pid = getpid();
+  if (!registry.SaveTransPID(pid, hardware, false)) {
+    ORVO_LOG(LOG_ERR, "VTE - Fail SaveTransPID [%d].", pid);
+    return false;
+  }
+  return true;
+}
+
+int PassedDescriptor(const std::string& word, const std::string& prefix) {
+  if (word.size() <= prefix.size() || word.compare(0, prefix.size(), prefix) != 0) return -1;
+  const std::string digits = word.substr(prefix.size());
+  if (digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos) return -1;
+  return std::atoi(digits.c_str());
+}
+
+bool ExecAsRoot(const std::string& action, const std::vector<std::string>& argv,
+                const std::vector<int>& passed) {
+  if (argv.empty()) return false;
+  std::vector<char*> pointers;
+  pointers.reserve(argv.size() + 1);
+  for (const std::string& word : argv) pointers.push_back(const_cast<char*>(word.c_str()));
+  pointers.push_back(nullptr);
+  LimitInheritance(passed);
+  return librh::DoActionAsRoot(action, [&pointers] {
+    execvp(pointers[0], pointers.data());
+    return false;
+  });
+}
+
+}  // namespace transcoder
+
+bool VTEStream::ExecuteTranscoding(long seekSeconds, bool copyTimestamps,
+                                   const std::vector<std::string>& arguments,
+                                   const std::string& output, const std::string& program) {
+  try {
+    if (type_.empty() || streamId_.empty() || program.empty() || profileArgs_.empty() ||
+        seekSeconds < 0) {
+      return false;
+    }
+    const std::string input = metadata_.GetFilePath();
+    if (input.empty()) return false;
+
+    // Built in full before the registry is touched, so a refusal below
+    // leaves no entry behind.
+    std::vector<std::string> argv = {program, "-ss", std::to_string(seekSeconds)};
+    if (hardware_ && metadata_.GetContainer() != kNoHardwareDecodeContainer &&
+        GetMetaVideoRotate() == 0) {
+      argv.push_back(kHardwareDecodeOption);
+    }
+    if (copyTimestamps) argv.push_back("-copyts");
+    argv.push_back("-i");
+    argv.push_back(input);
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    const std::vector<std::string> map =
+        ArgumentHelper(metadata_).GetVideoAudioMap(GetRequestAudioID());
+    // HLS segments need both streams chosen explicitly; other outputs can
+    // live with ffmpeg's default choice.
+    if (map.empty() && type_ == "HLS") {
+      ORVO_LOG(LOG_ERR, "VTE - Fail GetVideoAudioMap.");
+      return false;
+    }
+    argv.insert(argv.end(), map.begin(), map.end());
+    argv.push_back(output);
+
+    if (!remux_ && !transcoder::Register(hardware_)) return false;
+    return transcoder::ExecAsRoot("Execute FFmpeg", argv,
+                                  {transcoder::PassedDescriptor(output, "pipe:")});
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool VTEStream::SaveMonitorPid(int pid, bool waitForOld) const {
+  const std::string lockPath = GetVTEFileFullPath(kMonitorLockFile);
+  if (lockPath.empty()) return false;
+  const int fd = open(lockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kMonitorLockMode);
+  if (fd < 0) return false;
+  int locked;
+  do {
+    locked = flock(fd, LOCK_EX);
+  } while (locked != 0 && errno == EINTR);
+  if (locked != 0) {
+    close(fd);
+    return false;
+  }
+
+  const std::string pidPath = GetVTEFileFullPath(kMonitorPidFile);
+  const int old = ParsePid(ReadFile(pidPath));
+  KillProcess(old);
+  if (pid > 0) SaveFile(pidPath, std::to_string(pid));
+  if (waitForOld && old > 0) {
+    for (int waits = 0; waits < kOldMonitorWaits && OLIBCProcAlive(old); ++waits) sleep(1);
+  }
+
+  flock(fd, LOCK_UN);
+  close(fd);
+  return true;
+}
+
+bool VTEStream::IsFFmpegRun() const {
+  if (streamId_.empty() || type_.empty()) {
+    ORVO_LOG(LOG_ERR, "Bad parameter");
+    return false;
+  }
+  const int pid = ParsePid(ReadFile(GetVTEFileFullPath(kMonitorPidFile)));
+  return pid > 0 && OLIBCProcAlive(pid);
+}
+
+bool VTEStream::CloseStreamCommon() {
+  if (streamId_.empty() || type_.empty()) return false;
+  if (VerifyFileExist(GetVTEFileFullPath(""), 0)) {
+    // The monitor stops its own children; nobody waits for it here.
+    SaveMonitorPid(0, false);
+    RemoveTransDir();
+  }
+  return true;
+}
+
+bool VTEStream::RemoveTransDir() {
+  if (streamId_.empty() || type_.empty()) return false;
+  const std::string session = GetVTEFileFullPath("");
+  char target[4096];
+  const ssize_t length = readlink(session.c_str(), target, sizeof(target) - 1);
+  if (length > 0) {
+    target[length] = '\0';
+    if (VerifyFileExist(target, 0)) OLIBCExec(kRemoveProgram, "-rf", target, nullptr, nullptr);
+  }
+  // An "HTTP" session is a plain directory, which unlink leaves in place.
+  unlink(session.c_str());
+  return true;
+}
+
+}  // namespace LibOrvoVTE

@@ -1,0 +1,318 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "tests/support/child.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/machine_root.h"
+#include "tests/support/test_media.h"
+#include "tests/support/transcoder_stand_in.h"
+#include "vte/liborvovte.h"
+#include "vte/utils/json_utils.h"
+#include "vte/utils/trans_loading.h"
+#include "vte/utils/vteutils.h"
+
+namespace LibOrvoVTE {
+namespace {
+
+namespace fs = std::filesystem;
+using orvotest::Media;
+using Words = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+class Stream : public VTEStream {
+ public:
+  Stream(const std::string& id, const std::string& type) : VTEStream(id, type) {}
+};
+
+constexpr char kEncode[] = "-vcodec libx264";
+constexpr char kRemux[] = "-vcodec copy -bsf:v h264_mp4toannexb";
+constexpr char kHardware[] = "-vcodec h264_smd";
+
+void SleepMs(long ms) {
+  struct timespec pause = {ms / 1000, (ms % 1000) * 1000000};
+  nanosleep(&pause, nullptr);
+}
+
+// How `pid` ended: the signal that killed it, 0 for an exit, -1 when it still
+// ran after `timeoutSeconds` (it is then killed and reaped).
+int EndingSignal(pid_t pid, int timeoutSeconds) {
+  for (int tick = 0; tick <= timeoutSeconds * 100; ++tick) {
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    SleepMs(10);
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return -1;
+}
+
+// A monitor stand-in: lives until signalled (at most half a minute).
+pid_t StartMonitor() {
+  return orvotest::StartChild([] {
+    sleep(30);
+    return 0;
+  });
+}
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The registry entry of `pid` in the registry file, null when there is none.
+Json::Value RegistryEntry(const std::string& registryFile, int pid) {
+  Json::Value entries;
+  LibReelhall::ReadJsonFromFile(registryFile, entries);
+  for (const Json::Value& entry : entries) {
+    if (entry["PID"].asInt() == pid) return entry;
+  }
+  return Json::Value();
+}
+
+// The platform is read once per process: the test process never reads it,
+// so each child sees the machine root's platform.
+TEST(ExecuteTranscodingTest, ArgumentVectorAndPipeReachTheTranscoder) {
+  orvotest::PlatformFiles evansport;
+  evansport.name = "evansport";
+  orvotest::MachineRoot root(evansport);
+  const std::string program = orvotest::StandInProgram();
+  const std::string clip = orvotest::TestMedia(Media::kH264AacMp4);
+  const std::string tracks = orvotest::TestMedia(Media::kTracksMkv);
+  const std::string avi = orvotest::TestMedia(Media::kVideoOnlyAvi);
+  // The caller's pipe may well be close-on-exec; naming it passes it anyway.
+  int pipeFds[2];
+  ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
+  const std::string pipe = "pipe:" + std::to_string(pipeFds[1]);
+  struct Case {
+    std::string name, type;
+    Media media;
+    std::string profile, container;
+    unsigned int rotate;
+    std::string audioId;
+    bool copyTimestamps;
+    Words afterSeek;
+  } cases[] = {
+      {"software", "HLS", Media::kTracksMkv, kEncode, "", 0, "2", true,
+       {"-copyts", "-i", tracks, "-vcodec", "libx264", "-map", "0:0", "-map", "0:2", pipe}},
+      {"hardware", "HLS", Media::kH264AacMp4, kHardware, "", 0, "", false,
+       {"-prefer_smd", "-i", clip, "-vcodec", "h264_smd", "-map", "0:0", "-map", "0:1", "out"}},
+      {"hardware flv", "HLS", Media::kH264AacMp4, kHardware, "flv", 0, "", false,
+       {"-i", clip, "-vcodec", "h264_smd", "-map", "0:0", "-map", "0:1", "out"}},
+      {"hardware rotated", "HLS", Media::kH264AacMp4, kHardware, "", 90, "", false,
+       {"-i", clip, "-vcodec", "h264_smd", "-map", "0:0", "-map", "0:1", "out"}},
+      // Without audio ffmpeg's own stream choice is good enough for WebM.
+      {"no audio", "WEBM", Media::kVideoOnlyAvi, kEncode, "", 0, "", false,
+       {"-i", avi, "-vcodec", "libx264", "out"}},
+  };
+  for (const Case& c : cases) {
+    Json::Value doc = orvotest::SessionDocument(c.media, c.profile);
+    if (!c.container.empty()) doc["container_type"] = c.container;
+    if (c.rotate != 0) doc["track_info"]["video"][0u]["rotate"] = c.rotate;
+    const std::string dir = orvotest::WriteSession(c.type, "ffmpeg", doc);
+    if (!c.audioId.empty()) std::ofstream(dir + "/audio_id") << c.audioId;
+
+    int status = -1;
+    const orvotest::Recording recording = orvotest::RecordStart(
+        root.At("/record"),
+        [&] {
+          Stream stream("ffmpeg", c.type);
+          return stream.ExecuteTranscoding(7, c.copyTimestamps, StringExplode(c.profile, " "),
+                                           c.afterSeek.back(), program);
+        },
+        status);
+    EXPECT_EQ(0, status) << c.name;
+    Words expected = {program, "-ss", "7"};
+    expected.insert(expected.end(), c.afterSeek.begin(), c.afterSeek.end());
+    EXPECT_EQ(expected, recording.argv) << c.name;
+    std::vector<int> fds = {0, 1, 2};
+    if (c.afterSeek.back() == pipe) fds.push_back(pipeFds[1]);
+    EXPECT_EQ(fds, recording.fds) << c.name;
+    fs::remove_all(dir);
+  }
+  close(pipeFds[0]);
+  close(pipeFds[1]);
+}
+
+TEST(ExecuteTranscodingTest, RefusalsExecuteNothing) {
+  orvotest::MachineRoot root;
+  const std::string program = orvotest::StandInProgram();
+  struct Case {
+    std::string name, type;
+    Media media;
+    long seek;
+    bool busy;  // another software transcoder is running
+    std::string logged;
+  } cases[] = {
+      {"negative seek", "SS", Media::kH264AacMp4, -1, false, ""},
+      // Segments without an explicit audio stream would come out silent.
+      {"HLS without audio", "HLS", Media::kVideoOnlyAvi, 0, false, "VTE - Fail GetVideoAudioMap."},
+      {"machine busy", "SS", Media::kH264AacMp4, 0, true, "VTE - TransEnable Failed."},
+  };
+  for (const Case& c : cases) {
+    orvotest::WriteSession(c.type, "refused", orvotest::SessionDocument(c.media, kEncode));
+    if (c.busy) {
+      root.WriteFile(librh::machine::kLoadRegistry,
+                     "[{\"PID\":" + std::to_string(getpid()) +
+                         ",\"hardware_transcode\":false,\"offline_conversion\":false}]");
+    }
+    int status = -1;
+    const orvotest::Recording recording = orvotest::RecordStart(
+        root.At("/record"),
+        [&] {
+          orvotest::LogCapture log;
+          Stream stream("refused", c.type);
+          if (stream.ExecuteTranscoding(c.seek, false, {}, "out", program)) return true;
+          // A refusal is reported as false; anything unexpected in the log
+          // shows as a different exit status.
+          return c.logged.empty() ? !log.Lines().empty() : !log.Contains(c.logged);
+        },
+        status);
+    EXPECT_EQ(3, status) << c.name;
+    EXPECT_FALSE(recording.written) << c.name;
+  }
+}
+
+TEST(ExecuteTranscodingTest, TranscoderIsRegisteredWhileItRunsUnlessItRemuxes) {
+  orvotest::MachineRoot root;
+  const std::string registry = root.At(librh::machine::kLoadRegistry);
+  for (const std::string profile : {kEncode, kRemux}) {
+    orvotest::WriteSession("SS", "registered", orvotest::SessionDocument(Media::kH264AacMp4, profile));
+    orvotest::ArmStandIn(root.At("/record"), 1500);
+    const pid_t transcoder = orvotest::StartChild([] {
+      Stream stream("registered", "SS");
+      stream.ExecuteTranscoding(0, false, {}, "out", orvotest::StandInProgram());
+      return 3;
+    });
+    ASSERT_TRUE(orvotest::ReadRecording(root.At("/record"), 20).written) << profile;
+
+    Json::Value expected;
+    if (profile == kEncode) {
+      expected["PID"] = transcoder;
+      expected["hardware_transcode"] = false;
+      expected["offline_conversion"] = false;
+    }
+    EXPECT_EQ(expected, RegistryEntry(registry, transcoder)) << profile;
+    EXPECT_EQ(0, orvotest::WaitForChild(transcoder)) << profile;
+    { LibReelhall::TransLoading taken; }  // taking the registry drops dead pids
+    EXPECT_TRUE(RegistryEntry(registry, transcoder).isNull()) << profile;
+  }
+}
+
+class MonitorTest : public orvotest::MachineRootTest {
+ protected:
+  void SetUp() override {
+    MachineRootTest::SetUp();
+    session_ = Root().At("/tmp/Reelhall/HLS/m");
+    fs::create_directories(session_);
+  }
+  std::string RecordedMonitor() const { return ReadFile(session_ + "/monitor.pid"); }
+
+  std::string session_;
+};
+
+TEST_F(MonitorTest, NewMonitorStopsTheOldOneAndWaitsAtMostFiveSeconds) {
+  Stream stream("m", "HLS");
+  EXPECT_FALSE(stream.IsFFmpegRun()) << "no monitor.pid yet";
+  const pid_t first = StartMonitor();
+  ASSERT_TRUE(stream.SaveMonitorPid(first, false));
+  EXPECT_TRUE(stream.IsFFmpegRun());
+
+  const pid_t second = StartMonitor();
+  Clock::time_point start = Clock::now();
+  ASSERT_TRUE(stream.SaveMonitorPid(second, true));
+  EXPECT_LT(SecondsSince(start), 3.0);
+  EXPECT_EQ(SIGTERM, EndingSignal(first, 5));
+  EXPECT_EQ(std::to_string(second), RecordedMonitor());
+
+  signal(SIGTERM, SIG_IGN);
+  const pid_t stubborn = StartMonitor();
+  signal(SIGTERM, SIG_DFL);
+  ASSERT_TRUE(stream.SaveMonitorPid(stubborn, false));
+  EXPECT_EQ(SIGTERM, EndingSignal(second, 5));
+  // Pid 0 stops the monitor without recording a new one.
+  start = Clock::now();
+  ASSERT_TRUE(stream.SaveMonitorPid(0, true));
+  const double waited = SecondsSince(start);
+  EXPECT_GE(waited, 4.5);
+  EXPECT_LT(waited, 8.0);
+  EXPECT_EQ(std::to_string(stubborn), RecordedMonitor());
+  EXPECT_TRUE(stream.IsFFmpegRun());
+  kill(stubborn, SIGKILL);
+  EXPECT_EQ(SIGKILL, EndingSignal(stubborn, 5));
+  EXPECT_FALSE(stream.IsFFmpegRun());
+}
+
+// Two requests replacing the monitor at once (say, two seeks): both wait for
+// "filelock", and whoever records second stops the first.
+TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
+  const int lock = open((session_ + "/filelock").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0660);
+  ASSERT_GE(lock, 0);
+  ASSERT_EQ(0, flock(lock, LOCK_EX));
+  pid_t racers[2];
+  for (pid_t& racer : racers) {
+    racer = orvotest::StartChild([] {
+      Stream stream("m", "HLS");
+      if (!stream.SaveMonitorPid(getpid(), true)) return 2;
+      sleep(30);
+      return 0;
+    });
+  }
+  SleepMs(300);
+  EXPECT_EQ("", RecordedMonitor()) << "recorded without the lock";
+  flock(lock, LOCK_UN);
+  close(lock);
+
+  // Bounded by the racers' own lives.
+  int loserStatus = 0;
+  const pid_t loser = waitpid(-1, &loserStatus, 0);
+  const pid_t winner = loser == racers[0] ? racers[1] : racers[0];
+  // The loser may be gone before the winner's record is written.
+  for (int tick = 0; tick < 500 && RecordedMonitor() != std::to_string(winner); ++tick) {
+    SleepMs(10);
+  }
+  EXPECT_TRUE(WIFSIGNALED(loserStatus) && WTERMSIG(loserStatus) == SIGTERM) << "both survived";
+  EXPECT_EQ(std::to_string(winner), RecordedMonitor());
+  EXPECT_TRUE(OLIBCProcAlive(winner));
+  kill(winner, SIGKILL);
+  EndingSignal(winner, 5);
+}
+
+TEST_F(MonitorTest, CloseStopsTheMonitorAndRemovesVolumeSessions) {
+  const std::string profiles = Root().At("/profiles.json");
+  std::ofstream(profiles) << "{\"encode\": \"" << kEncode << "\"}";
+  const std::string clip = orvotest::TestMedia(Media::kH264AacMp4);
+  // "HTTP" sessions are plain directories, removed by their own stream.
+  for (const std::string type : {"HLS", "HTTP"}) {
+    const std::string id = VTEStream::VTE_Init(clip, type, Json::Value(), profiles, "encode", "", 0);
+    ASSERT_FALSE(id.empty()) << type;
+    Stream stream(id, type);
+    const std::string session = stream.GetVTEFileFullPath("");
+    std::error_code error;
+    const std::string files = type == "HTTP" ? session : fs::read_symlink(session, error).string();
+    ASSERT_TRUE(fs::exists(files + "/video_metadata")) << type;
+
+    const pid_t monitor = StartMonitor();
+    ASSERT_TRUE(stream.SaveMonitorPid(monitor, false)) << type;
+    EXPECT_TRUE(stream.CloseStreamCommon()) << type;
+    EXPECT_EQ(SIGTERM, EndingSignal(monitor, 5)) << type;
+    struct stat info;
+    EXPECT_EQ(type == "HTTP", lstat(session.c_str(), &info) == 0) << type;
+    EXPECT_EQ(type == "HTTP", fs::exists(files + "/video_metadata")) << type;
+    EXPECT_FALSE(stream.IsFFmpegRun()) << type;
+  }
+}
+
+}  // namespace
+}  // namespace LibOrvoVTE

@@ -1,0 +1,58 @@
+// The machine-wide registry of running transcoders. The machine may run only
+// a few at once; every process that starts, supervises or stops one (web-API
+// requests, monitors, the offline conversion service) records it here.
+//
+// The registry is one JSON file, which is also its lock file: an array of
+// {"PID": int, "hardware_transcode": bool, "offline_conversion": bool}.
+// Taking a TransLoading locks the file and loads the entries of live
+// processes; letting it go writes the entries back and unlocks. Keep its
+// scope short: every other process that needs the registry waits meanwhile.
+#pragma once
+
+#include <json/json.h>
+
+#include <cstdint>
+
+#include "vte/utils/lock.h"
+
+namespace LibReelhall {
+
+class TransLoading : public Lock {
+ public:
+  // Takes the registry (waiting for other holders) and loads its live
+  // entries. When the lock cannot be taken the registry is empty and every
+  // operation below refuses.
+  TransLoading();
+  // Writes the entries back, opens the file to every user, and unlocks.
+  // Nothing is written when the lock was never held.
+  ~TransLoading() override;
+
+  // Whether one more transcoder of that kind may start now. An empty
+  // registry admits one of either kind whatever the limits say.
+  bool TransEnable(bool hardware);
+  bool SoftwareTransEnable() const;
+  // False on a platform without a hardware engine.
+  bool HardwareTransEnable() const;
+  // Whether one more entry of that kind stays within its limit.
+  bool CheckTransEnable(bool hardware) const;
+
+  // Adds an entry; duplicates are allowed.
+  bool SaveTransPID(int pid, bool hardware, bool offline);
+  // Drops every entry of `pid`; succeeds when there is none.
+  bool RemoveTransPIDLock(int pid);
+  // Loads the file, keeping only entries whose process is alive. An empty or
+  // missing file holds no entries; any other unreadable content fails.
+  bool ReadAndCheckAlive();
+  // Whether an offline conversion holds a transcoder.
+  bool IsOffineConverting() const;
+
+ private:
+  // Logs the refusal of an operation made without the lock.
+  bool HeldOrLog() const;
+
+  Json::Value entries_;
+  uint8_t softwareLimit_;
+  uint32_t hardwareLimit_;
+};
+
+}  // namespace LibReelhall

@@ -1,0 +1,206 @@
+// The WebM progressive stream and its monitor process.
+#include <fcntl.h>
+#include <syslog.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+
+#include "platform/machine_root.h"
+#include "platform/olibc.h"
+#include "vte/http_stream.h"
+#include "vte/utils/trans_loading.h"
+#include "vte/utils/vteutils.h"
+
+namespace LibOrvoVTE {
+
+volatile sig_atomic_t gWEBMSignal = 0;
+int gPidWEBMFFMPEG = 0;
+
+namespace {
+
+// The package's transcoder build starts its output at this second; the
+// input side is seeked with "-ss" as for every stream.
+constexpr char kSeekOption[] = "-webm_seek_time";
+// Containers reject the negative timestamps that a seek can leave before
+// the first keyframe.
+constexpr char kAvoidNegativeOption[] = "-avoid_negative_ts";
+
+constexpr unsigned int kMonitorPollSeconds = 2;
+
+constexpr char kNullDevice[] = "/dev/null";
+
+void ForgetTranscoder(bool remux, pid_t pid) {
+  // A remux never took a slot.
+  if (remux) return;
+  LibReelhall::TransLoading registry;
+  registry.RemoveTransPIDLock(pid);
+}
+
+// Keeps `kept`, stderr for diagnostics, and /dev/null as stdin and stdout.
+void DetachFromCaller(int kept) {
+  // The log's socket is among the descriptors closed below; closing it the
+  // log's own way lets the next line reopen it instead of writing to
+  // whatever reuses its number.
+  closelog();
+  const int null = open(kNullDevice, O_RDWR | O_CLOEXEC);
+  if (null >= 0) {
+    dup2(null, STDIN_FILENO);
+    dup2(null, STDOUT_FILENO);
+  }
+  for (int fd = STDERR_FILENO + 1; fd < kept; ++fd) close(fd);
+  const int above = kept > STDERR_FILENO ? kept + 1 : STDERR_FILENO + 1;
+  if (close_range(static_cast<unsigned int>(above), ~0U, 0) != 0) {
+    // Kernels before 5.9 lack close_range.
+    const long limit = sysconf(_SC_OPEN_MAX);
+    for (long fd = above; fd < (limit > 0 && limit < 65536 ? limit : 65536); ++fd) {
+      close(static_cast<int>(fd));
+    }
+  }
+}
+
+}  // namespace
+
+WebMStream::WebMStream(const std::string& streamId) : DirectStream(streamId, "WEBM") {}
+
+WebMStream::~WebMStream() {
+  if (fd >= 0) close(fd);
+}
+
+bool WebMStream::Init(const std::string& audioId) { return InitStreamCommon(audioId, false); }
+
+bool WebMStream::Transcoding(const std::string& transcoderPath, unsigned long startSeconds) {
+  try {
+    if (streamId_.empty() || transcoderPath.empty() || metadata_.GetDuration() < startSeconds) {
+      return false;
+    }
+  } catch (const std::exception&) {
+    return false;
+  }
+  SaveMonitorPid(0, true);
+
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  const int forked = OLIBCProcForkChildNoWait();
+  if (forked == -1) {
+    close(ends[0]);
+    close(ends[1]);
+    return false;
+  }
+  if (forked == 1) {
+    close(ends[1]);
+    if (fd >= 0) close(fd);
+    fd = ends[0];
+    return true;
+  }
+
+  // The monitor: a process of its own that outlives the caller's request.
+  // It must not keep the caller's connections, output or earlier pipes open
+  // that long.
+  close(ends[0]);
+  fd = -1;
+  DetachFromCaller(ends[1]);
+  gPidWEBMFFMPEG = 0;
+  gWEBMSignal = 0;
+  signal(SIGINT, MointerSignalHandler);
+  signal(SIGTERM, MointerSignalHandler);
+  if (SaveMonitorPid(getpid(), true)) {
+    ExecuteMointer(ends[1], startSeconds);
+  } else {
+    close(ends[1]);
+  }
+  _exit(0);
+}
+
+int WebMStream::Read(char* buffer, unsigned int length) {
+  if (fd < 0) return 0;
+  return static_cast<int>(read(fd, buffer, length));
+}
+
+bool WebMStream::KillMonitor() const { return SaveMonitorPid(0, false); }
+
+std::vector<std::string> WebMStream::CalculateFFmpegArgument(unsigned long startSeconds) const {
+  try {
+    if (profileArgs_.empty() || metadata_.GetDuration() < startSeconds ||
+        metadata_.GetVideoResolutionX() == 0) {
+      return {};
+    }
+    std::vector<std::string> arguments =
+        ForceFFmpegVideoSize(StringExplode(profileArgs_, " \n"), false);
+    // The transcoder build muxes AAC and MP3 into WebM as they are; any other
+    // audio becomes MP3.
+    const bool keepAudio = IsSourceAudioCodec("aac") || IsSourceAudioCodec("mp3");
+    arguments = ForceFFmpegAudioFormat(arguments, keepAudio ? "copy" : "mp3");
+    arguments.insert(arguments.end(), {kSeekOption, std::to_string(startSeconds),
+                                       kAvoidNegativeOption, "0"});
+    return arguments;
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+void WebMStream::ExecuteMointer(int writeFd, unsigned long startSeconds) {
+  std::vector<std::string> arguments;
+  std::string program;
+  try {
+    if (!streamId_.empty() && !profileArgs_.empty() && metadata_.GetDuration() >= startSeconds) {
+      arguments = CalculateFFmpegArgument(startSeconds);
+    }
+    program = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
+  } catch (const std::exception&) {
+    arguments.clear();
+  }
+  if (arguments.empty()) {
+    // The reader sees end of stream at once.
+    close(writeFd);
+    return;
+  }
+  const std::string output = "pipe:" + std::to_string(writeFd);
+
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    ExecuteTranscoding(static_cast<long>(startSeconds), false, arguments, output, program);
+    _exit(1);
+  }
+  gPidWEBMFFMPEG = child > 0 ? child : 0;
+  // ffmpeg holds the only write end now, so its exit ends the reader's stream.
+  close(writeFd);
+
+  // No idle time-out: the run ends with ffmpeg (the file ended or the reader
+  // went away and the pipe broke) or with a signal to the monitor.
+  while (child > 0) {
+    const pid_t done = waitpid(-1, nullptr, WNOHANG);
+    if (done == -1) break;
+    if (done == child) {
+      ForgetTranscoder(remux_, child);
+      gPidWEBMFFMPEG = 0;
+      break;
+    }
+    if (gWEBMSignal) break;
+    sleep(kMonitorPollSeconds);
+  }
+  WaitAllChild();
+}
+
+void WebMStream::WaitAllChild() const {
+  if (gPidWEBMFFMPEG <= 0) return;
+  const pid_t child = gPidWEBMFFMPEG;
+  // SIGINT lets ffmpeg finish the container before it exits.
+  kill(child, SIGINT);
+  pid_t done;
+  do {
+    done = wait(nullptr);
+  } while (done == -1 && errno == EINTR);
+  if (done == child) {
+    ForgetTranscoder(remux_, child);
+    gPidWEBMFFMPEG = 0;
+  }
+}
+
+void WebMStream::MointerSignalHandler(int) { gWEBMSignal = 1; }
+
+}  // namespace LibOrvoVTE
