@@ -67,6 +67,8 @@ bool FindValue(const std::string& text, const std::string& key, std::string* val
     if (equals == std::string::npos) continue;
     if (Trim(line.substr(0, equals)) != key) continue;
     *value = Unquote(Trim(line.substr(equals + 1)));
+    // Callers get the value as a C string: it ends at a NUL in the file.
+    value->resize(std::min(value->size(), value->find('\0')));
     return true;
   }
   return false;

@@ -81,6 +81,18 @@ TEST_F(KeyValueTest, TruncatesToTheBuffer) {
   EXPECT_STREQ(value, "");
 }
 
+// Found by fuzzing: a NUL inside a value made the length returned disagree
+// with the C string written.
+TEST_F(KeyValueTest, ValueEndsAtANul) {
+  Root().WriteFile("/nul.conf", std::string("k=ab\0cd\nnext=1\n", 16));
+  const std::string file = Root().At("/nul.conf");
+  char value[16];
+  EXPECT_EQ(OLIBCFileGetKeyValue(file.c_str(), "k", value, sizeof(value), 0), 2);
+  EXPECT_STREQ(value, "ab");
+  EXPECT_EQ(OLIBCFileCheckKeyValue(file.c_str(), "k", "ab", 0), 1);
+  EXPECT_EQ(OLIBCFileGetKeyValue(file.c_str(), "next", value, sizeof(value), 0), 1);
+}
+
 TEST_F(KeyValueTest, RejectsUnreadableFilesAndBadArguments) {
   const std::string missing = Root().At("/missing.conf");
   char value[16] = "untouched";

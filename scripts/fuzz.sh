@@ -9,7 +9,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=300
-[[ ${1:-} == --ci ]] && { seconds=20; shift; }
+seed=()
+# CI runs from a fixed seed, so a run that finds something finds it again.
+[[ ${1:-} == --ci ]] && { seconds=20; seed=(-seed=1); shift; }
 [[ ${1:-} == -t ]] && { seconds=$2; shift 2; }
 build_dir=${ORVOVTE_FUZZ_BUILD:-build-fuzz}
 
@@ -42,7 +44,7 @@ failed=0
 for target in "${targets[@]}"; do
   mkdir -p "$corpus_root/$target"
   echo "fuzz: $target for ${seconds}s"
-  if ! "$build_dir/fuzz/$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+  if ! "$build_dir/fuzz/$target" "${seed[@]}" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
       -max_len=65536 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
       "$corpus_root/$target" >"$build_dir/$target.log" 2>&1; then
     echo "fuzz: $target FOUND A CRASH (log: $build_dir/$target.log)"

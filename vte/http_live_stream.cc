@@ -17,6 +17,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "vte/hls_playlists.h"
+#include "vte/transcoder_process.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -130,6 +131,7 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   if (forked == 1) return true;
 
   // The monitor: a copy of this request's process that outlives it.
+  transcoder::DetachFromCaller(-1);
   gPidHLSTransBin = 0;
   gPidHLSSegBin = 0;
   gHLSSignal = 0;
@@ -212,8 +214,10 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
     const std::string gstLaunch = librh::machine::Resolve(librh::machine::kPackageGstLaunch);
 
+    const pid_t monitor = getpid();
     gPidHLSTransBin = fork();
     if (gPidHLSTransBin == 0) {
+      transcoder::DieWithMonitor(monitor);
       ResetChildSignals(devNull);
       if (gstreamer_) {
         close(pipeFds[0]);
@@ -231,6 +235,7 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     if (gstreamer_) {
       gPidHLSSegBin = fork();
       if (gPidHLSSegBin == 0) {
+        transcoder::DieWithMonitor(monitor);
         ResetChildSignals(devNull);
         close(pipeFds[1]);
         ExecuteSegmenter(pipeFds[0], static_cast<int>(seekTime_ / kSegmenterSeconds));

@@ -16,6 +16,7 @@
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "vte/transcoder_process.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -281,6 +282,7 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
     // The monitor: a detached process of its own, which outlives this
     // request.
     close(recorded[0]);
+    transcoder::DetachFromCaller(recorded[1]);
     gPidSSFFMPEG = 0;
     gSSSignal = 0;
     signal(SIGINT, MointerSignalHandler);
@@ -330,8 +332,10 @@ void SmoothStream::ExecuteMointer(const std::string& fragmentId) {
   if (seekTime >= 0 && !arguments.empty()) {
     const std::string output = FragmentOutput(GetVTEFileFullPath(""));
     const std::string program = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
+    const pid_t monitor = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
+      transcoder::DieWithMonitor(monitor);
       signal(SIGINT, SIG_DFL);
       signal(SIGTERM, SIG_DFL);
       ExecuteTranscoding(seekTime, hardware_, arguments, output, program);

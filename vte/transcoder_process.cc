@@ -4,11 +4,14 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 
@@ -122,6 +125,34 @@ bool ExecAsRoot(const std::string& action, const std::vector<std::string>& argv,
     execvp(pointers[0], pointers.data());
     return false;
   });
+}
+
+void DetachFromCaller(int kept) {
+  // The log's socket is among the descriptors closed below; closing it the
+  // log's own way lets the next line reopen it instead of writing to
+  // whatever reuses its number.
+  closelog();
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null >= 0) {
+    dup2(null, STDIN_FILENO);
+    dup2(null, STDOUT_FILENO);
+  }
+  for (int fd = STDERR_FILENO + 1; fd < kept; ++fd) close(fd);
+  const int above = kept > STDERR_FILENO ? kept + 1 : STDERR_FILENO + 1;
+  if (close_range(static_cast<unsigned int>(above), ~0U, 0) != 0) {
+    // Kernels before 5.9 lack close_range.
+    const long limit = sysconf(_SC_OPEN_MAX);
+    for (long fd = above; fd < (limit > 0 && limit < 65536 ? limit : 65536); ++fd) {
+      close(static_cast<int>(fd));
+    }
+  }
+}
+
+
+void DieWithMonitor(pid_t monitor) {
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  // The monitor may have died between the fork and the call.
+  if (getppid() != monitor) _exit(1);
 }
 
 }  // namespace transcoder

@@ -50,5 +50,17 @@ struct PipelineParts {
 // The gst-launch argument vector (without the terminating null).
 std::vector<std::string> GstreamerArguments(const PipelineParts& parts);
 
+// For a monitor just forked from a request: lets go of every descriptor the
+// request had (its client connection, its output) but `kept` (-1: none) and
+// stderr, and puts /dev/null on stdin and stdout. A monitor outlives the
+// request; holding the request's connection would keep the client waiting
+// for a response that has already ended.
+void DetachFromCaller(int kept);
+
+// For a transcoder or segmenter child of `monitor`, first thing after fork:
+// the child gets SIGTERM when the monitor dies, even by SIGKILL, so no
+// transcoder outlives the process that supervises and unregisters it.
+void DieWithMonitor(pid_t monitor);
+
 }  // namespace transcoder
 }  // namespace LibOrvoVTE

@@ -20,6 +20,7 @@
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
 #include "vte/liborvovte.h"
+#include "vte/transcoder_process.h"
 #include "vte/utils/json_utils.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
@@ -143,6 +144,43 @@ TEST(ExecuteTranscodingTest, ArgumentVectorAndPipeReachTheTranscoder) {
   }
   close(pipeFds[0]);
   close(pipeFds[1]);
+}
+
+// A monitor outlives the request that forked it: it must not keep that
+// request's client connection (here: any descriptor) open.
+TEST(DetachFromCallerTest, KeepsOnlyStdioAndTheNamedDescriptor) {
+  // Numbers far above the one the child's own directory listing takes.
+  auto high = [](int fd) {
+    const int moved = fcntl(fd, F_DUPFD, 40);
+    close(fd);
+    return moved;
+  };
+  int request[2];
+  ASSERT_EQ(0, pipe(request));  // inheritable, like a CGI's connection
+  int kept[2];
+  ASSERT_EQ(0, pipe(kept));
+  for (int* fd : {&request[0], &request[1], &kept[0], &kept[1]}) *fd = high(*fd);
+  // The child cannot report through a pipe of its own: it is about to let
+  // go of every descriptor. It leaves its list in a file instead.
+  const std::string report = std::filesystem::temp_directory_path() /
+                             ("detach-" + std::to_string(getpid()));
+  ASSERT_EQ(0, orvotest::RunInChild([&] {
+    transcoder::DetachFromCaller(kept[1]);
+    std::string listing;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      listing += entry.path().filename().string() + " ";
+    }
+    std::ofstream(report) << listing;
+    return 0;
+  }));
+  std::string open;
+  std::getline(std::ifstream(report), open);
+  std::filesystem::remove(report);
+  for (int fd : {request[0], request[1], kept[0]}) {
+    EXPECT_EQ(std::string::npos, (" " + open).find(" " + std::to_string(fd) + " ")) << fd << ": " << open;
+  }
+  EXPECT_NE(std::string::npos, (" " + open).find(" " + std::to_string(kept[1]) + " ")) << open;
+  for (int fd : {request[0], request[1], kept[0], kept[1]}) close(fd);
 }
 
 TEST(ExecuteTranscodingTest, RefusalsExecuteNothing) {

@@ -11,6 +11,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "vte/http_stream.h"
+#include "vte/transcoder_process.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -30,35 +31,11 @@ constexpr char kAvoidNegativeOption[] = "-avoid_negative_ts";
 
 constexpr unsigned int kMonitorPollSeconds = 2;
 
-constexpr char kNullDevice[] = "/dev/null";
-
 void ForgetTranscoder(bool remux, pid_t pid) {
   // A remux never took a slot.
   if (remux) return;
   LibReelhall::TransLoading registry;
   registry.RemoveTransPIDLock(pid);
-}
-
-// Keeps `kept`, stderr for diagnostics, and /dev/null as stdin and stdout.
-void DetachFromCaller(int kept) {
-  // The log's socket is among the descriptors closed below; closing it the
-  // log's own way lets the next line reopen it instead of writing to
-  // whatever reuses its number.
-  closelog();
-  const int null = open(kNullDevice, O_RDWR | O_CLOEXEC);
-  if (null >= 0) {
-    dup2(null, STDIN_FILENO);
-    dup2(null, STDOUT_FILENO);
-  }
-  for (int fd = STDERR_FILENO + 1; fd < kept; ++fd) close(fd);
-  const int above = kept > STDERR_FILENO ? kept + 1 : STDERR_FILENO + 1;
-  if (close_range(static_cast<unsigned int>(above), ~0U, 0) != 0) {
-    // Kernels before 5.9 lack close_range.
-    const long limit = sysconf(_SC_OPEN_MAX);
-    for (long fd = above; fd < (limit > 0 && limit < 65536 ? limit : 65536); ++fd) {
-      close(static_cast<int>(fd));
-    }
-  }
 }
 
 }  // namespace
@@ -101,7 +78,7 @@ bool WebMStream::Transcoding(const std::string& transcoderPath, unsigned long st
   // that long.
   close(ends[0]);
   fd = -1;
-  DetachFromCaller(ends[1]);
+  transcoder::DetachFromCaller(ends[1]);
   gPidWEBMFFMPEG = 0;
   gWEBMSignal = 0;
   signal(SIGINT, MointerSignalHandler);
@@ -159,8 +136,10 @@ void WebMStream::ExecuteMointer(int writeFd, unsigned long startSeconds) {
   }
   const std::string output = "pipe:" + std::to_string(writeFd);
 
+  const pid_t monitor = getpid();
   const pid_t child = fork();
   if (child == 0) {
+    transcoder::DieWithMonitor(monitor);
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
     ExecuteTranscoding(static_cast<long>(startSeconds), false, arguments, output, program);
