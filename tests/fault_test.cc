@@ -4,6 +4,7 @@
 // running once the stream is closed, the registry valid and holding only
 // live pids, and a later stream plays.
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include "tests/support/hostile_table.h"
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
+#include "vte/http_live_stream.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -82,6 +84,68 @@ TEST_F(FaultTest, RequestKilledInTheMiddleOfAWait) {
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 18)));
   CloseAndRecord("s", "`kill -9` of a request waiting in ReadFragment",
                  "the run it started goes on; the same segment is served to the next request");
+}
+
+// The data volume is a 512 KiB tmpfs: a remux session that asks for little
+// space opens on it, and its segments fill it up part-way through.
+TEST_F(FaultTest, DataVolumeFillsUpWhileSegmentsAreWritten) {
+  const std::string volume = Root().At("/volume1");
+  if (mount("tmpfs", volume.c_str(), "tmpfs", 0, "size=512k") != 0) {
+    GTEST_SKIP() << "cannot mount a small volume here: " << strerror(errno);
+  }
+  struct Unmount {
+    std::string path;
+    ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+  } unmount{volume};
+
+  const std::string source = orvotest::TestMedia(orvotest::Media::kLongH264AacMp4);
+  Root().WriteFile("/full-profiles.json",
+                   R"({"remux": "-vcodec copy -bsf:v h264_mp4toannexb -acodec libfdk_aac -ab 64k"})");
+  const std::string profiles = Root().At("/full-profiles.json");
+  const std::string opened = orvotest::TextFromChild([&] {
+    Json::Value options(Json::objectValue);
+    options["stream_id"] = "full";
+    if (VTEStream::VTE_Init(source, "HLS", options, profiles, "remux", "", 256 * 1024) != "full") {
+      return std::string("VTE_Init refused");
+    }
+    HttpLiveStream stream("full");
+    Json::Value params;
+    params["url"] = "/api/stream";
+    params["format"] = "hls";
+    return stream.Init(params, Json::Value(), "", "") ? std::string("ok") : stream.GetErrorString();
+  });
+  ASSERT_EQ(opened, "ok");
+  // Somewhere in the 100-second clip the volume is full. The transcoder's
+  // writes then fail while it goes on naming segments, so later segments are
+  // served empty or cut short: nothing tells a short segment from a whole one
+  // once it exists. What must hold: the first is whole, no request hangs.
+  std::vector<std::string> served;
+  for (int fragment = 0; fragment < 13; ++fragment) {
+    const std::string path = Segment("full", fragment, 80);
+    if (path.empty() || path[0] == '<') break;
+    served.push_back(path);
+  }
+  ASSERT_FALSE(served.empty());
+  EXPECT_TRUE(orvotest::CompleteSegment(served[0]));
+  std::error_code error;
+  size_t shortOnes = 0;
+  for (const std::string& path : served) {
+    if (fs::file_size(path, error) < 1024 || error) ++shortOnes;
+  }
+  EXPECT_GT(shortOnes, 0u) << "the 512 KiB volume never filled up";
+  const bool closed = Close("full");
+  EXPECT_TRUE(closed);
+  const std::string left = Leftovers();
+  EXPECT_EQ(left, "");
+  umount2(volume.c_str(), MNT_DETACH);
+  EXPECT_TRUE(LaterStreamWorks("later"));
+  if (!HasFailure()) {
+    HostileRow("fault", "the data volume fills up while segments are written",
+               std::to_string(served.size()) + " requests answered at once, " +
+                   std::to_string(shortOnes) +
+                   " of them with segments left empty by the full volume; after close nothing "
+                   "left, registry valid, next stream plays");
+  }
 }
 
 TEST_F(FaultTest, SessionDirectoryDeletedUnderARunningMonitor) {
