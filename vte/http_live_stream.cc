@@ -131,7 +131,6 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   if (forked == 1) return true;
 
   // The monitor: a copy of this request's process that outlives it.
-  transcoder::DetachFromCaller(-1);
   gPidHLSTransBin = 0;
   gPidHLSSegBin = 0;
   gHLSSignal = 0;
@@ -214,10 +213,8 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
     const std::string gstLaunch = librh::machine::Resolve(librh::machine::kPackageGstLaunch);
 
-    const pid_t monitor = getpid();
     gPidHLSTransBin = fork();
     if (gPidHLSTransBin == 0) {
-      transcoder::DieWithMonitor(monitor);
       ResetChildSignals(devNull);
       if (gstreamer_) {
         close(pipeFds[0]);
@@ -235,7 +232,6 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     if (gstreamer_) {
       gPidHLSSegBin = fork();
       if (gPidHLSSegBin == 0) {
-        transcoder::DieWithMonitor(monitor);
         ResetChildSignals(devNull);
         close(pipeFds[1]);
         ExecuteSegmenter(pipeFds[0], static_cast<int>(seekTime_ / kSegmenterSeconds));
