@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/timing.h"
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
@@ -31,7 +32,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::Median;
+using bench::MsSince;
 using LibOrvoVTE::HttpLiveStream;
 
 constexpr char kProfile[] = "hls_320x240_x264_vb300_aac_ab64";
@@ -45,17 +48,6 @@ const std::vector<std::string> kStockEncode = {
 constexpr int kSegmentSeconds = 5;
 constexpr int kFarSegment = 15;
 constexpr int kTimeoutSeconds = 90;
-
-double Median(std::vector<double> values) {
-  if (values.empty()) return -1;
-  std::sort(values.begin(), values.end());
-  const size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-double MsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 // Reaps whatever ended among the processes this one adopted.
 void ReapAdopted() {

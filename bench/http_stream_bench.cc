@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/timing.h"
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
@@ -33,7 +34,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::Median;
+using bench::MsSince;
 
 // Stock encoder names, so that the library's launcher and the direct run
 // get the very same options.
@@ -49,17 +52,6 @@ struct Run {
   unsigned long long bytes = 0;
   unsigned long long predicted = 0;
 };
-
-double Median(std::vector<double> values) {
-  if (values.empty()) return -1;
-  std::sort(values.begin(), values.end());
-  const size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-double MsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 // One playback through the library, in a process of its own as a web request
 // would be: "<first byte ms> <request ms> <bytes> <predicted>".

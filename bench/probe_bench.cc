@@ -16,20 +16,16 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "bench/timing.h"
 #include "metadata/video_metadata.h"
 #include "tests/support/test_media.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::Median;
 
 constexpr int kFfprobeTimeoutSeconds = 30;
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
 
 // Milliseconds taken by `work`, or a negative value when it failed.
 template <typename Work>
