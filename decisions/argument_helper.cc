@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "decisions/platform_utils.h"
+#include "decisions/track_members.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "vte/utils/vteutils.h"
@@ -12,6 +13,8 @@
 namespace LibOrvoVTE {
 
 namespace {
+
+using track_members::MemberText;
 
 constexpr char kLogTag[] = "argument_helper";
 
@@ -51,16 +54,6 @@ bool IsQuarterTurn(unsigned int rotate) { return rotate == 90 || rotate == 270; 
 
 // Encoders want even dimensions (4:2:0 chroma is subsampled by two).
 unsigned int TruncateToEven(float value) { return static_cast<unsigned int>(value) & ~1u; }
-
-// The text of a track member, "" when the track is no object or the member is
-// missing or not a scalar. Ids are written as text but compared as text
-// whatever their JSON type.
-std::string MemberText(const Json::Value& track, const char* key) {
-  if (!track.isObject() || !track.isMember(key)) return "";
-  const Json::Value& value = track[key];
-  if (value.isArray() || value.isObject()) return "";
-  return value.asString();
-}
 
 bool HasLookupMembers(const Json::Value& track) {
   return track.isObject() && track.isMember("track") && track.isMember("id") &&

@@ -6,11 +6,14 @@
 
 #include "decisions/argument_helper.h"
 #include "decisions/platform_utils.h"
+#include "decisions/track_members.h"
 #include "platform/log.h"
 
 namespace LibOrvoVTE {
 
 namespace {
+
+using track_members::MemberText;
 
 // These lines belong to the class's log tag; operators match on their line
 // numbers, so they are passed as they stand.
@@ -79,14 +82,6 @@ constexpr AudioDecoderRow kAudioDecoders[] = {
 
 bool Contains(const std::string& text, const char* key) {
   return text.find(key) != std::string::npos;
-}
-
-// A scalar member of a track as text ("" when missing or not a scalar).
-std::string MemberText(const Json::Value& track, const char* key) {
-  if (!track.isObject() || !track.isMember(key)) return "";
-  const Json::Value& value = track[key];
-  if (value.isArray() || value.isObject()) return "";
-  return value.asString();
 }
 
 unsigned int MemberNumber(const Json::Value& track, const char* key) {

@@ -1,13 +1,10 @@
 #include "decisions/platform_utils.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,22 +26,7 @@ using orvotest::PlatformFiles;
 // The platform singleton reads the platform name once per process, so every
 // check that goes through it runs in a fresh child; the text the child
 // returns is compared in the parent.
-std::string InFreshProcess(const std::function<std::string()>& body) {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return "<no pipe>";
-  pid_t pid = orvotest::StartChild([&]() {
-    std::string text = body();
-    return write(fds[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
-  });
-  close(fds[1]);
-  int status = orvotest::WaitForChild(pid, 30);
-  std::string text;
-  char chunk[4096];
-  ssize_t count;
-  while (status == 0 && (count = read(fds[0], chunk, sizeof(chunk))) > 0) text.append(chunk, count);
-  close(fds[0]);
-  return status == 0 ? text : "<child failed: " + std::to_string(status) + ">";
-}
+using orvotest::TextFromChild;
 
 // "platform=<name> <flags> <transcode platform> <ffmpeg|gstreamer>", where the
 // flags are E(vansport) B(raswell) M(onaco) G(streamer) H(ardware) and +hw
@@ -102,7 +84,7 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
     MachineRoot root(row.files);
     if (row.unique) root.WriteFile(machine::kOrvoInfoConf, std::string(row.unique) + "\n");
     if (row.advanced) root.WriteFile(machine::kAdvancedConf, row.advanced);
-    EXPECT_EQ(row.expected, InFreshProcess(Describe))
+    EXPECT_EQ(row.expected, TextFromChild(Describe))
         << row.files.name << " cores " << row.files.cpuCores << " unique "
         << (row.unique ? row.unique : "-") << " advanced " << (row.advanced ? row.advanced : "-");
   }
@@ -214,7 +196,7 @@ TEST(PlatformUtils, MachineTranscodeAndRemuxReadsBogoMips) {
   for (const auto& row : kRows) {
     MachineRoot root(Platform(row.name, 2));
     root.WriteFile(machine::kCpuInfo, row.cpuinfo);
-    EXPECT_EQ(row.expected, InFreshProcess([] {
+    EXPECT_EQ(row.expected, TextFromChild([] {
                 bool first = true, second = true, third = true;
                 LibReelhall::GetMachineTranscodeAndRemux(first, second, third);
                 return std::to_string(first) + " " + std::to_string(second) + " " +
@@ -227,7 +209,7 @@ TEST(PlatformUtils, MachineTranscodeAndRemuxReadsBogoMips) {
 TEST(PlatformUtils, GetCPUInfoLogsBadKeyAndMissingFile) {
   MachineRoot root;
   std::filesystem::remove(root.At(machine::kCpuInfo));
-  const std::string report = InFreshProcess([] {
+  const std::string report = TextFromChild([] {
     orvotest::LogCapture capture;
     PlatformUtils& p = PlatformUtils::GetInst();
     // One call per statement: the logged lines must come in this order.
@@ -245,7 +227,7 @@ TEST(PlatformUtils, GetCPUInfoLogsBadKeyAndMissingFile) {
 
 TEST(PlatformUtils, NameAndHostReadOnceSettingsReadAfresh) {
   MachineRoot root(Platform("evansport", 2, "AVOTON"));
-  const std::string report = InFreshProcess([&root] {
+  const std::string report = TextFromChild([&root] {
     PlatformUtils& p = PlatformUtils::GetInst();
     std::string before = p.GetDockerHostPlatformName() + " " + p.GetTransPlatformName();
     root.Play(Platform("monaco", 2, "BROMOLOW"));
@@ -259,7 +241,7 @@ TEST(PlatformUtils, NameAndHostReadOnceSettingsReadAfresh) {
 
 TEST(PlatformUtils, ConcurrentFirstCallsAgreeOnTheHost) {
   MachineRoot root(Platform("dockerx64", 4, "CEDARVIEW"));
-  const std::string report = InFreshProcess([] {
+  const std::string report = TextFromChild([] {
     constexpr int kThreads = 8;
     std::atomic<int> ready{0};
     std::vector<std::string> hosts(kThreads);

@@ -28,6 +28,12 @@ bool IsVolumeName(const std::string& path) {
 
 // Describes one data volume; false when it is not a directory or cannot be
 // examined.
+// f_bavail, not f_bfree: the blocks reserved for root are not for a
+// stream's output.
+unsigned long long AvailableBytes(const struct statvfs& fs) {
+  return static_cast<unsigned long long>(fs.f_bavail) * static_cast<unsigned long long>(fs.f_frsize);
+}
+
 bool Examine(const std::string& path, VolumeCandidate* volume) {
   struct stat info;
   if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return false;
@@ -37,19 +43,25 @@ bool Examine(const std::string& path, VolumeCandidate* volume) {
     return false;
   }
   volume->mountPath = path;
-  // f_bavail, not f_bfree: the blocks reserved for root are not for a
-  // stream's output.
-  volume->availableBytes =
-      static_cast<unsigned long long>(fs.f_bavail) * static_cast<unsigned long long>(fs.f_frsize);
+  volume->availableBytes = AvailableBytes(fs);
   volume->writable = (fs.f_flag & ST_RDONLY) == 0 && access(path.c_str(), W_OK) == 0;
   return true;
 }
+
+// Below this a segment of almost any stream no longer fits, and what is left
+// belongs to the system's own writers rather than to the next segment.
+constexpr unsigned long long kFullBelowBytes = 1024 * 1024;
 
 // A root that cannot be listed is a failure to look, not a machine without
 // volumes; a root that does not exist has none.
 int GlobError(const char* /*path*/, int error) { return error == ENOENT ? 0 : 1; }
 
 }  // namespace
+
+bool VolumeFull(const std::string& path) {
+  struct statvfs fs;
+  return statvfs(path.c_str(), &fs) == 0 && AvailableBytes(fs) < kFullBelowBytes;
+}
 
 int ChooseVolume(const std::vector<VolumeCandidate>& candidates, unsigned long long neededBytes,
                  VolumeInfo* info, int* status) {

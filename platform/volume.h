@@ -19,6 +19,12 @@ struct VolumeInfo {
 // describing what was seen; -1 on a failure to look (OLIBCErrGet tells why).
 int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status, int flags);
 
+// Whether the file system holding `path` has run out of room for a stream's
+// output: less than a megabyte left to an unprivileged writer. A path that
+// cannot be examined does not count as full; the writes into it will fail
+// on their own.
+bool VolumeFull(const std::string& path);
+
 // A data volume as VolumeAvailGet sees it.
 struct VolumeCandidate {
   std::string mountPath;

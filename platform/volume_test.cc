@@ -1,5 +1,6 @@
 #include "platform/volume.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -131,6 +132,21 @@ TEST_F(VolumeAvailGetTest, ReportsVolumesItCannotWriteAndRootsItCannotList) {
   });
   chmod(root.c_str(), 0755);
   EXPECT_EQ(status, 0);
+}
+
+// Full means too little left for another segment, judged on the volume the
+// path lies on; a path that cannot be examined is not called full.
+TEST_F(VolumeAvailGetTest, FullWhenLessThanAMegabyteIsLeft) {
+  const std::string volume = Root().At("/volume1");
+  ASSERT_TRUE(mkdir(volume.c_str(), 0755) == 0 || errno == EEXIST);
+  if (mount("tmpfs", volume.c_str(), "tmpfs", 0, "size=1536k") != 0) {
+    GTEST_SKIP() << "cannot mount a small volume here: " << strerror(errno);
+  }
+  EXPECT_FALSE(VolumeFull(volume)) << "1.5 MiB free";
+  Root().WriteFile("/volume1/filler", std::string(700 * 1024, 'x'));
+  EXPECT_TRUE(VolumeFull(volume + "/filler")) << "about 800 KiB free";
+  EXPECT_FALSE(VolumeFull(volume + "/missing")) << "a path that is not there";
+  umount2(volume.c_str(), MNT_DETACH);
 }
 
 }  // namespace

@@ -46,6 +46,23 @@ long ResidentKb() {
 
 using LoadTest = orvotest::PlaybackTest;
 
+// A generic box runs one software transcoder: while one plays, the next
+// transcode session is refused, and remux sessions still open.
+TEST_F(LoadTest, TranscodesBeyondTheLimitAreRefused) {
+  ASSERT_EQ(Open("t0", "slow"), "ok");
+  ASSERT_TRUE(orvotest::CompleteSegment(Segment("t0", 0)));
+  EXPECT_EQ(orvotest::RegistryPids().size(), 1u) << "the running transcoder is registered";
+  EXPECT_EQ(Open("t1", "slow"), "TransEnable");
+  EXPECT_EQ(Open("t2", "paced"), "TransEnable");
+  EXPECT_EQ(Open("r0", "remux"), "ok");
+  for (const std::string id : {"t0", "t1", "t2", "r0"}) Close(id);
+  EXPECT_EQ(Leftovers(15), "");
+  if (!HasFailure()) {
+    orvotest::HostileRow("load", "transcode sessions beyond the limit of one",
+                         "refused with TransEnable while a transcode runs; remux still opens");
+  }
+}
+
 TEST_F(LoadTest, TwentyRemuxStreamsReadAtOnceBesideATranscode) {
   for (int i = 0; i < kSessions; ++i) {
     ASSERT_EQ(Open("r" + std::to_string(i), "remux"), "ok") << i;

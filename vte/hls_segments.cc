@@ -1,10 +1,16 @@
 // Which segment requests the running transcoder will serve and which need a
 // new run, and waiting for a segment file to be complete.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/log.h"
+#include "platform/volume.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/vteutils.h"
 
@@ -13,6 +19,10 @@ namespace {
 
 constexpr char kSeekTimeFile[] = "seek_time";
 constexpr char kRequestFragmentFile[] = "request_fragment_id";
+// Held, shared, by every request restarting the stream until the monitor it
+// forked has recorded itself.
+constexpr char kStartLockFile[] = "start_lock";
+constexpr mode_t kStartLockMode = 0660;
 
 // A run produces its first segments within seconds; a request inside this
 // window of the run's start waits for them instead of restarting.
@@ -23,10 +33,28 @@ constexpr long kAheadWindow = 4;
 // A remuxed MP4 source restarts on a jump longer than this, in segments.
 constexpr long kRemuxJump = 7;
 constexpr int kReadRounds = 60;
+constexpr char kLogTag[] = "hls_segments";
+// A segment is a run of whole transport-stream packets.
+constexpr off_t kPacketBytes = 188;
 
 long ParseId(const std::string& text) { return strtol(text.c_str(), nullptr, 10); }
 
 }  // namespace
+
+bool HttpLiveStream::SegmentIsWhole(int fragment) const {
+  struct stat info;
+  if (stat(GetSegmentTsPath(fragment).c_str(), &info) != 0) return false;
+  // A write cut short by a full volume leaves an empty file or a torn
+  // packet; either would reach the client as a broken segment.
+  return info.st_size > 0 && info.st_size % kPacketBytes == 0;
+}
+
+void HttpLiveStream::RemoveCutSegments(int from) const {
+  int fragment = from;
+  while (SegmentIsWhole(fragment)) ++fragment;
+  // Past the first cut one nothing was written whole either.
+  while (unlink(GetSegmentTsPath(fragment).c_str()) == 0) ++fragment;
+}
 
 std::string HttpLiveStream::GetSegmentTsPath(int fragment) const {
   char name[128];
@@ -48,6 +76,30 @@ bool HttpLiveStream::IsTransAndSegNeedToRestart(const std::string& fragmentId) c
   return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(reached)), 0);
 }
 
+int HttpLiveStream::HoldStartPending() const {
+  const std::string path = GetVTEFileFullPath(kStartLockFile);
+  const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kStartLockMode);
+  if (fd < 0) return -1;
+  int locked;
+  do {
+    locked = flock(fd, LOCK_SH);
+  } while (locked != 0 && errno == EINTR);
+  if (locked == 0) return fd;
+  close(fd);
+  return -1;
+}
+
+bool HttpLiveStream::IsStartAbandoned(const std::string& fragmentId) const {
+  if (VerifyFileExist(GetSegmentTsPath(static_cast<int>(ParseId(fragmentId))), 0)) return false;
+  // Without the lock file no start was ever pending here.
+  const int fd = open(GetVTEFileFullPath(kStartLockFile).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool nonePending = flock(fd, LOCK_EX | LOCK_NB) == 0;
+  close(fd);
+  // Asked after the lock: a monitor records itself before letting go of it.
+  return nonePending && !IsFFmpegRun();
+}
+
 bool HttpLiveStream::IsHLSRemuxSeek(const std::string& fragmentId) const {
   if (streamId_.empty() || fragmentId.empty()) return false;
   const std::string recordPath = GetVTEFileFullPath(kRequestFragmentFile);
@@ -66,8 +118,10 @@ bool HttpLiveStream::VerifyFragmentIsReady(const std::string& fragmentId) const 
   const int fragment = static_cast<int>(ParseId(fragmentId));
   if (!VerifyFileExist(GetSegmentTsPath(fragment), 0)) return false;
   // The segmenter opens the next file only after closing this one.
-  if (IsFFmpegRun()) return VerifyFileExist(GetSegmentTsPath(fragment + 1), 0);
-  return true;
+  if (IsFFmpegRun() && !VerifyFileExist(GetSegmentTsPath(fragment + 1), 0)) return false;
+  // Only a full volume cuts segments short; until the monitor has cleared
+  // them away they must not be served.
+  return SegmentIsWhole(fragment) || !VolumeFull(GetVTEFileFullPath(""));
 }
 
 std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
@@ -77,6 +131,12 @@ std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
   for (int round = 1; round <= kReadRounds; ++round) {
     if (VerifyFragmentIsReady(fragmentId)) {
       return GetSegmentTsPath(static_cast<int>(ParseId(fragmentId)));
+    }
+    // Nothing more is coming: the run that would write it stops for want
+    // of room, and no new one starts.
+    if (VolumeFull(GetVTEFileFullPath(""))) {
+      ORVO_LOG(LOG_ERR, "ReadFragment: no space left for file[%s]", fragmentId.c_str());
+      break;
     }
     sleep(1);
     if (!CheckSequence() || round == kReadRounds) break;

@@ -10,12 +10,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 
 #include "decisions/argument_helper.h"
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "platform/volume.h"
 #include "vte/hls_playlists.h"
 #include "vte/transcoder_process.h"
 #include "vte/utils/trans_loading.h"
@@ -117,20 +119,34 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   if (streamId_.empty() || type_.empty() || profileArgs_.empty() || fragmentId.empty()) {
     return false;
   }
-  if (!IsTransAndSegNeedToRestart(fragmentId) && !IsHLSRemuxSeek(fragmentId)) return true;
-
-  SaveFile(GetVTEFileFullPath(kSeekTimeFile), fragmentId);
-  if (WriteSequence().empty()) {
-    ORVO_LOG(LOG_ERR, "Failed to generate sequence");
+  if (!IsTransAndSegNeedToRestart(fragmentId) && !IsHLSRemuxSeek(fragmentId) &&
+      !IsStartAbandoned(fragmentId)) {
+    return true;
+  }
+  if (VolumeFull(GetVTEFileFullPath(""))) {
+    ORVO_LOG(LOG_ERR, "No space left to transcode stream [%s]", streamId_.c_str());
     return false;
   }
-  if (!SeekingHandler()) return false;
 
-  const int forked = OLIBCProcForkChildNoWait();
-  if (forked == -1) return false;
-  if (forked == 1) return true;
+  // Announced from here until the monitor has recorded itself: if this
+  // request dies first, the next one sees the start abandoned.
+  const int pending = HoldStartPending();
+  SaveFile(GetVTEFileFullPath(kSeekTimeFile), fragmentId);
+  int forked = -1;
+  if (WriteSequence().empty()) {
+    ORVO_LOG(LOG_ERR, "Failed to generate sequence");
+  } else if (SeekingHandler()) {
+    forked = OLIBCProcForkChildNoWait();
+  }
+  if (forked != 0) {
+    // The monitor's copy of the lock, if there is a monitor, keeps it held.
+    if (pending >= 0) close(pending);
+    return forked == 1;
+  }
 
-  // The monitor: a copy of this request's process that outlives it.
+  // The monitor: a copy of this request's process that outlives it, and
+  // so must let go of the request's connection and files.
+  transcoder::DetachFromCaller(pending);
   gPidHLSTransBin = 0;
   gPidHLSSegBin = 0;
   gHLSSignal = 0;
@@ -138,7 +154,9 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   signal(SIGTERM, MointerSignalHandler);
   // A newer request may have restarted the stream since this one forked;
   // its monitor is the one to keep.
-  if (CheckSequence() && SaveMonitorPid(getpid(), true)) ExecuteMointer(fragmentId);
+  const bool newest = CheckSequence() && SaveMonitorPid(getpid(), true);
+  if (pending >= 0) close(pending);
+  if (newest) ExecuteMointer(fragmentId);
   // _exit: the exit handlers belong to the web request this was forked from.
   _exit(0);
 }
@@ -196,6 +214,7 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   // until they exec (the monitor has no threads, so what the transcoder's
   // own exec path allocates is safe too).
   int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  bool full = false;
   do {
     if (streamId_.empty() || profileArgs_.empty() || fragmentId.empty()) break;
     seekTime_ = CalculateSeekTime(fragmentId);
@@ -213,8 +232,10 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
     const std::string gstLaunch = librh::machine::Resolve(librh::machine::kPackageGstLaunch);
 
+    const pid_t monitor = getpid();
     gPidHLSTransBin = fork();
     if (gPidHLSTransBin == 0) {
+      transcoder::DieWithMonitor(monitor);
       ResetChildSignals(devNull);
       if (gstreamer_) {
         close(pipeFds[0]);
@@ -232,6 +253,7 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     if (gstreamer_) {
       gPidHLSSegBin = fork();
       if (gPidHLSSegBin == 0) {
+        transcoder::DieWithMonitor(monitor);
         ResetChildSignals(devNull);
         close(pipeFds[1]);
         ExecuteSegmenter(pipeFds[0], static_cast<int>(seekTime_ / kSegmenterSeconds));
@@ -269,6 +291,13 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
         break;
       }
       if (gHLSSignal) break;
+      // A transcoder on a full volume only leaves empty segments behind.
+      if (VolumeFull(GetVTEFileFullPath(""))) {
+        ORVO_LOG(LOG_ERR, "No space left for stream [%s]: transcoding stopped",
+                 streamId_.c_str());
+        full = true;
+        break;
+      }
       sleep(kMonitorPollSeconds);
     }
   } while (false);
@@ -276,6 +305,11 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   CloseIfOpen(pipeFds[1]);
   CloseIfOpen(devNull);
   WaitAllChild();
+  // A run may also have ended by itself on a full volume; what it cut short
+  // goes, so that a later request starts a new run instead of getting it.
+  if (full || VolumeFull(GetVTEFileFullPath(""))) {
+    RemoveCutSegments(static_cast<int>(strtol(fragmentId.c_str(), nullptr, 10)));
+  }
 }
 
 bool HttpLiveStream::ExecuteSegmenter(int readFd, int startNumber) {

@@ -91,7 +91,19 @@ class HttpLiveStream : public AdaptStream {
 
   // Segments and seeking.
   std::string GetSegmentTsPath(int fragment) const;
+  // Whether the segment file exists and holds nothing but whole packets.
+  bool SegmentIsWhole(int fragment) const;
+  // Removes, from `from` on, the first segment that is not whole and every
+  // one after it: what a run wrote once its volume was full.
+  void RemoveCutSegments(int from) const;
   bool IsTransAndSegNeedToRestart(const std::string& fragmentId) const;
+  // A descriptor holding the start lock shared, or -1: while any copy of it
+  // is open, the stream has a start pending.
+  int HoldStartPending() const;
+  // Whether the run that the newest restart announced will never come: the
+  // request that announced it died before its monitor recorded itself, or
+  // the monitor has died since, and the segment is not there.
+  bool IsStartAbandoned(const std::string& fragmentId) const;
   bool IsHLSRemuxSeek(const std::string& fragmentId) const;
   bool VerifyFragmentIsReady(const std::string& fragmentId) const;
 

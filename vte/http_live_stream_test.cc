@@ -215,6 +215,52 @@ TEST_F(SegmentStateTest, RestartOnlyWhenTheRunWillNotReachTheSegmentSoon) {
   EXPECT_FALSE(stream_->IsTransAndSegNeedToRestart(""));
 }
 
+// A restart in the grace window is abandoned only when nothing will ever
+// serve it: no request between announcing it and its monitor recording
+// itself (the start lock, held by another process here), no monitor, and
+// no segment.
+TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
+  dir_ = Session("s", Media::kH264AacMp4, kEncode);
+  stream_ = std::make_unique<HttpLiveStream>("s");
+  Prepare("10", {}, false);
+  EXPECT_FALSE(stream_->IsStartAbandoned("12")) << "no start was ever announced here";
+  EXPECT_FALSE(stream_->IsTransAndSegNeedToRestart("12"));
+
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t announcer = orvotest::StartChild([&] {
+    close(ready[0]);
+    const int held = HttpLiveStream("s").HoldStartPending();
+    if (held < 0 || write(ready[1], "x", 1) != 1) return 1;
+    for (;;) pause();
+  });
+  close(ready[1]);
+  char byte;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  close(ready[0]);
+  EXPECT_FALSE(stream_->IsStartAbandoned("12")) << "a start is announced";
+  kill(announcer, SIGKILL);
+  orvotest::WaitForChild(announcer, 5);
+  EXPECT_TRUE(stream_->IsStartAbandoned("12")) << "its request died before forking";
+
+  const std::string lock = dir_ + "/start_lock";
+  const struct {
+    std::set<int> segments;
+    bool running;
+    bool abandoned;
+  } cases[] = {
+      {{}, false, true},
+      {{12}, false, false},
+      {{}, true, false},
+  };
+  for (const auto& c : cases) {
+    Prepare("10", c.segments, c.running);
+    std::ofstream(lock).flush();
+    EXPECT_EQ(stream_->IsStartAbandoned("12"), c.abandoned)
+        << "running " << c.running << ", segments " << c.segments.size();
+  }
+}
+
 TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheNextOneExistsOrTheRunEnded) {
   dir_ = Session("s", Media::kH264AacMp4, kEncode);
   stream_ = std::make_unique<HttpLiveStream>("s");

@@ -1,12 +1,14 @@
-// Real playback for fault and load tests: a machine root with the
+// Real HLS playback for end-to-end tests: a machine root with the
 // launchers, sessions opened and served by web requests each in a process
 // of its own, and the checks that nothing of a stream outlives it.
 #pragma once
 
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
@@ -15,16 +17,19 @@ namespace orvotest {
 
 class PlaybackTest : public ::testing::Test {
  protected:
-  // A fresh root with the launchers and the profiles below; this process
-  // becomes the subreaper of every monitor and transcoder.
+  // A fresh x86 root with the launchers and the profiles below; this
+  // process becomes the subreaper of every monitor and transcoder.
   void SetUp() override;
-  // Kills and reaps whatever a failed case left.
+  // Kills and reaps whatever a failed case left; shows the end of the
+  // request log when the case failed.
   void TearDown() override;
   MachineRoot& Root() { return *root_; }
 
   // Profiles: "paced" (transcode, paced at ten times real time, so a run
-  // is still going while the test acts on it), "remux" (video copied),
-  // "broken" (a transcoder that exits at once).
+  // is still going while the test acts on it), "slow" (the same at real
+  // time, for a run that must outlast a whole case), "remux" (video copied),
+  // "broken" (a transcoder that exits at once), "gst" (a GStreamer pipeline,
+  // for a root that plays a GStreamer platform).
   // Creates and opens HLS session `id`; "ok" or what failed (the stream's
   // error code when Init refused).
   std::string Open(const std::string& id, const std::string& profile,
@@ -35,6 +40,19 @@ class PlaybackTest : public ::testing::Test {
   // Starts that request without waiting; WaitForChild reaps it.
   pid_t StartSegment(const std::string& id, int fragment);
   bool Close(const std::string& id);
+
+  // A web request: `body` runs in a child process whose output, and that of
+  // the monitors and transcoders it starts, goes to the request log. Its
+  // text comes back without waiting for the end of a pipe, which a monitor
+  // forked by the request would hold open.
+  struct Request {
+    pid_t pid = -1;
+    int answer = -1;
+  };
+  Request StartRequest(const std::function<std::string()>& body);
+  // Waits at most `timeoutSeconds` (then kills); the text, or
+  // "<request failed: N>" when the child did not end with 0.
+  std::string FinishRequest(Request request, int timeoutSeconds = 90);
 
   std::string File(const std::string& id, const std::string& name) const;
   int MonitorPid(const std::string& id) const;
@@ -48,12 +66,14 @@ class PlaybackTest : public ::testing::Test {
  private:
   std::unique_ptr<MachineRoot> root_;
   std::string profiles_;
+  std::string requestLog_;
 };
 
 // The live processes whose parent is `parent`.
 std::vector<pid_t> ChildrenOf(pid_t parent);
 
-// Whether `path` is a whole MPEG-TS segment with decodable picture and sound.
-bool CompleteSegment(const std::string& path);
+// Whether `path` is a whole MPEG-TS segment with decodable picture and
+// sound; `videoStart`, when given, gets its first video timestamp.
+bool CompleteSegment(const std::string& path, double* videoStart = nullptr);
 
 }  // namespace orvotest

@@ -1,9 +1,6 @@
 // HLS sessions by hand: open one, ask for a segment as a client would, look
 // at what a session holds and which processes serve it, and close it.
 #include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <json/json.h>
@@ -12,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -22,6 +18,7 @@
 #include "platform/olibc.h"
 #include "tools/vtetool/command.h"
 #include "tools/vtetool/output.h"
+#include "tools/vtetool/web_request.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/json_utils.h"
 
@@ -33,8 +30,6 @@ using LibOrvoVTE::HttpLiveStream;
 constexpr char kType[] = "HLS";
 // What the web API would put in the playlists; only the operator reads them.
 constexpr char kUrl[] = "/api/stream";
-// A segment request waits at most a minute; this leaves room for the rest.
-constexpr int kRequestTimeoutSeconds = 75;
 
 std::string ReadText(const std::string& path) {
   std::ifstream in(path);
@@ -43,60 +38,12 @@ std::string ReadText(const std::string& path) {
   return text.str();
 }
 
-// Runs `body` in a child with its standard descriptors on /dev/null, as a
-// web request process: the monitor it may fork inherits them, and must not
-// hold this tool's output open. The child's text, or "" when it failed.
-std::string AsWebRequest(const std::function<std::string()>& body, int* status) {
-  int result[2];
-  if (pipe2(result, O_CLOEXEC) != 0) return "";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(devNull, fd);
-    const std::string text = body();
-    const bool written = write(result[1], text.data(), text.size()) ==
-                         static_cast<ssize_t>(text.size());
-    _exit(written ? 0 : 1);
-  }
-  close(result[1]);
-  if (pid < 0) {
-    close(result[0]);
-    return "";
-  }
-  *status = -1;
-  for (int tenths = 0; tenths < kRequestTimeoutSeconds * 10; ++tenths) {
-    int raw = 0;
-    if (waitpid(pid, &raw, WNOHANG) == pid) {
-      *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-      break;
-    }
-    usleep(100000);
-  }
-  if (*status == -1 && waitpid(pid, nullptr, WNOHANG) == 0) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-  }
-  // The monitor keeps a copy of the write end: read what is there, do not
-  // wait for the end.
-  fcntl(result[0], F_SETFL, O_NONBLOCK);
-  std::string text;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = read(result[0], buffer, sizeof(buffer))) > 0) text.append(buffer, got);
-  close(result[0]);
-  return text;
-}
-
 int Open(const Arguments& arguments) {
   const std::string device = arguments.size() > 3 ? arguments[3] : "";
   const std::string audioFormat = arguments.size() > 4 ? arguments[4] : "";
-  const std::string id = LibOrvoVTE::VTEStream::VTE_Init(
-      arguments[0], kType, Json::Value(Json::objectValue), arguments[1], arguments[2], device, 0);
-  if (id.empty() || id == LibOrvoVTE::kTransSpaceNotEnough) {
-    std::cerr << "vtetool: hls-open: no session for " << arguments[0] << " ("
-              << (id.empty() ? "the system log says why" : id) << ")" << std::endl;
-    return kFailed;
-  }
+  const std::string id =
+      NewSession("hls-open", kType, arguments[0], arguments[1], arguments[2], device);
+  if (id.empty()) return kFailed;
   Json::Value params;
   params["url"] = kUrl;
   params["format"] = "hls";
@@ -117,17 +64,17 @@ int Segment(const Arguments& arguments) {
   const std::string id = arguments[0];
   const std::string fragment = arguments[1];
   const auto start = std::chrono::steady_clock::now();
-  int status = -1;
-  const std::string path = AsWebRequest(
+  std::string path;
+  const bool answered = AsWebRequest(
       [&] {
         HttpLiveStream stream(id);
         if (!stream.Transcoding(fragment)) return std::string();
         return stream.ReadFragment(fragment);
       },
-      &status);
+      &path);
   const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
-  if (status != 0 || path.empty()) {
+  if (!answered || path.empty()) {
     std::cerr << "vtetool: hls-segment: segment " << fragment << " of " << id
               << " was not served (after " << elapsed.count() << " ms)" << std::endl;
     return kFailed;
@@ -204,13 +151,7 @@ int State(const Arguments& arguments) {
 
 int Close(const Arguments& arguments) {
   HttpLiveStream stream(arguments[0]);
-  if (access(stream.GetVTEFileFullPath("").c_str(), F_OK) != 0) {
-    std::cerr << "vtetool: hls-close: no HLS session " << arguments[0] << std::endl;
-    return kFailed;
-  }
-  stream.Close();
-  std::cout << "closed " << arguments[0] << std::endl;
-  return kOk;
+  return CloseSession("hls-close", "HLS", stream, arguments[0]);
 }
 
 const CommandRegistration kOpen({"hls-open",

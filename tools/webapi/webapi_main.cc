@@ -216,8 +216,8 @@ int FailOpen(const std::string& code) {
 }
 
 // Runs `work` in a child whose copy of the response descriptor is closed:
-// a monitor the library forks there (without exec) then never holds the
-// response open. The child's exit status, -1 when it could not run.
+// the progressive run it starts then never holds the response open. The
+// child's exit status, -1 when it could not run.
 int RunAwayFromResponse(const std::function<int()>& work) {
   const pid_t pid = fork();
   if (pid < 0) return -1;
@@ -499,13 +499,8 @@ int StreamHls(const std::string& id, const Query& query) {
     if (playlist.empty()) return Fail(404, "playlist_not_found");
     return SendFile(playlist, "application/vnd.apple.mpegurl");
   }
-  const bool header = Key(query, "hls_header") == "1";
-  const int started = RunAwayFromResponse([&] {
-    LibOrvoVTE::HttpLiveStream request(id);
-    if (header) request.EnableHLSHeader();
-    return request.Transcoding(fragment) ? 0 : 1;
-  });
-  if (started != 0) return Fail(500, "transcoding_failed");
+  if (Key(query, "hls_header") == "1") stream.EnableHLSHeader();
+  if (!stream.Transcoding(fragment)) return Fail(500, "transcoding_failed");
   const std::string segment = stream.ReadFragment(fragment);
   if (segment.empty()) return Fail(504, "fragment_not_ready");
   return SendFile(segment, "video/mp2t", Env("WEBAPI_BREAK_SEGMENTS") == "1" ? kBrokenSegmentBytes : 0);
@@ -519,11 +514,7 @@ int StreamSmooth(const std::string& id, const Query& query) {
   TouchAccess(stream);
   const std::string fragment = Key(query, "fragment_id");
   if (fragment.empty()) return SendFile(stream.GetMainfest(), "text/xml");
-  const int started = RunAwayFromResponse([&] {
-    LibOrvoVTE::SmoothStream request(id);
-    return request.Transcoding(fragment) ? 0 : 1;
-  });
-  if (started != 0) return Fail(500, "transcoding_failed");
+  if (!stream.Transcoding(fragment)) return Fail(500, "transcoding_failed");
   const std::string file = stream.ReadFragment(fragment);
   if (file.empty()) return Fail(504, "fragment_not_ready");
   return SendFile(file, "video/mp4");
