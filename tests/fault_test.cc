@@ -201,10 +201,12 @@ TEST_F(FaultTest, TranscoderThatExitsAtOnce) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
                            std::chrono::steady_clock::now() - start)
                            .count();
+  // Once its monitor has seen the run end, nothing is left to wait for.
+  EXPECT_LT(seconds, 10);
   EXPECT_TRUE(orvotest::RegistryPids().empty());
   CloseAndRecord("s", "a transcoder that exits at once",
-                 "the request returns \"\" after " + std::string(seconds < 10 ? "< 10 s" : "its wait") +
-                     "; its registry entry goes");
+                 "the request returns \"\" within seconds, not after its minute; its registry "
+                 "entry goes");
 }
 
 TEST_F(FaultTest, ManyQuickSeeksInARow) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,8 +20,8 @@ namespace {
 
 constexpr char kSeekTimeFile[] = "seek_time";
 constexpr char kRequestFragmentFile[] = "request_fragment_id";
-// Held, shared, by every request restarting the stream until the monitor it
-// forked has recorded itself.
+// Held by the request restarting the stream, then by the monitor it forks
+// until that has recorded itself.
 constexpr char kStartLockFile[] = "start_lock";
 constexpr mode_t kStartLockMode = 0660;
 
@@ -33,6 +34,7 @@ constexpr long kAheadWindow = 4;
 // A remuxed MP4 source restarts on a jump longer than this, in segments.
 constexpr long kRemuxJump = 7;
 constexpr int kReadRounds = 60;
+constexpr int kStartLockTenths = 10 * kReadRounds;
 constexpr char kLogTag[] = "hls_segments";
 // A segment is a run of whole transport-stream packets.
 constexpr off_t kPacketBytes = 188;
@@ -76,28 +78,34 @@ bool HttpLiveStream::IsTransAndSegNeedToRestart(const std::string& fragmentId) c
   return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(reached)), 0);
 }
 
-int HttpLiveStream::HoldStartPending() const {
+int HttpLiveStream::TakeStartLock() const {
   const std::string path = GetVTEFileFullPath(kStartLockFile);
   const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kStartLockMode);
   if (fd < 0) return -1;
-  int locked;
-  do {
-    locked = flock(fd, LOCK_SH);
-  } while (locked != 0 && errno == EINTR);
-  if (locked == 0) return fd;
+  // Polled, so that a turn never ends up longer than a segment wait.
+  for (int tenth = 0; tenth < kStartLockTenths; ++tenth) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+    if (errno != EWOULDBLOCK && errno != EINTR) break;
+    struct timespec wait = {0, 100 * 1000 * 1000};
+    nanosleep(&wait, nullptr);
+  }
   close(fd);
   return -1;
 }
 
+bool HttpLiveStream::NoRunWillWrite(const std::string& fragmentId) const {
+  return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(ParseId(fragmentId))), 0) &&
+         !IsFFmpegRun();
+}
+
 bool HttpLiveStream::IsStartAbandoned(const std::string& fragmentId) const {
-  if (VerifyFileExist(GetSegmentTsPath(static_cast<int>(ParseId(fragmentId))), 0)) return false;
   // Without the lock file no start was ever pending here.
   const int fd = open(GetVTEFileFullPath(kStartLockFile).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   const bool nonePending = flock(fd, LOCK_EX | LOCK_NB) == 0;
   close(fd);
   // Asked after the lock: a monitor records itself before letting go of it.
-  return nonePending && !IsFFmpegRun();
+  return nonePending && NoRunWillWrite(fragmentId);
 }
 
 bool HttpLiveStream::IsHLSRemuxSeek(const std::string& fragmentId) const {
@@ -132,10 +140,15 @@ std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
     if (VerifyFragmentIsReady(fragmentId)) {
       return GetSegmentTsPath(static_cast<int>(ParseId(fragmentId)));
     }
-    // Nothing more is coming: the run that would write it stops for want
-    // of room, and no new one starts.
+    // Nothing more is coming when the run that would write it stops for
+    // want of room, and no new one starts.
     if (VolumeFull(GetVTEFileFullPath(""))) {
       ORVO_LOG(LOG_ERR, "ReadFragment: no space left for file[%s]", fragmentId.c_str());
+      break;
+    }
+    // The run ended, or died, without it, and none is on its way.
+    if (IsStartAbandoned(fragmentId)) {
+      ORVO_LOG(LOG_ERR, "ReadFragment: no run left to write file[%s]", fragmentId.c_str());
       break;
     }
     sleep(1);

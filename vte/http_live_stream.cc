@@ -119,18 +119,27 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   if (streamId_.empty() || type_.empty() || profileArgs_.empty() || fragmentId.empty()) {
     return false;
   }
-  if (!IsTransAndSegNeedToRestart(fragmentId) && !IsHLSRemuxSeek(fragmentId) &&
-      !IsStartAbandoned(fragmentId)) {
-    return true;
-  }
+  const bool needed = IsTransAndSegNeedToRestart(fragmentId);
+  const bool remuxSeek = !needed && IsHLSRemuxSeek(fragmentId);
+  if (!needed && !remuxSeek && !IsStartAbandoned(fragmentId)) return true;
   if (VolumeFull(GetVTEFileFullPath(""))) {
     ORVO_LOG(LOG_ERR, "No space left to transcode stream [%s]", streamId_.c_str());
     return false;
   }
 
-  // Announced from here until the monitor has recorded itself: if this
-  // request dies first, the next one sees the start abandoned.
-  const int pending = HoldStartPending();
+  // Restarts take turns, each holding the start lock until the monitor it
+  // forks has recorded itself; a request that dies first lets go of it.
+  const int pending = TakeStartLock();
+  if (pending < 0) {
+    ORVO_LOG(LOG_ERR, "Another restart of stream [%s] is still pending", streamId_.c_str());
+    return false;
+  }
+  // The restart that had the turn before may have started what this request
+  // needs.
+  if (!remuxSeek && !IsTransAndSegNeedToRestart(fragmentId) && !NoRunWillWrite(fragmentId)) {
+    close(pending);
+    return true;
+  }
   SaveFile(GetVTEFileFullPath(kSeekTimeFile), fragmentId);
   int forked = -1;
   if (WriteSequence().empty()) {

@@ -230,7 +230,7 @@ TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   ASSERT_EQ(pipe(ready), 0);
   const pid_t announcer = orvotest::StartChild([&] {
     close(ready[0]);
-    const int held = HttpLiveStream("s").HoldStartPending();
+    const int held = HttpLiveStream("s").TakeStartLock();
     if (held < 0 || write(ready[1], "x", 1) != 1) return 1;
     for (;;) pause();
   });
