@@ -4,6 +4,7 @@
 // running once the stream is closed, the registry valid and holding only
 // live pids, and a later stream plays.
 #include <fcntl.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -61,7 +62,21 @@ TEST_F(FaultTest, MonitorKilled) {
   const std::string connection = Root().At("/connection");
   const int client = open(connection.c_str(), O_RDONLY);
   ASSERT_GE(client, 0);
-  Start("s");
+  // The request runs as the web server's user, with root saved for the
+  // library's own scopes: the transcoder's raise to root must not cost it
+  // its tie to the monitor.
+  const struct passwd* nobody = getpwnam("nobody");
+  ASSERT_NE(nobody, nullptr);
+  fs::permissions(Root().Path(), fs::perms::all);
+  ASSERT_EQ(Open("s", "paced"), "ok");
+  const std::string first = FinishRequest(StartRequest([&] {
+    if (setresgid(-1, nobody->pw_gid, 0) != 0 || setresuid(-1, nobody->pw_uid, 0) != 0) {
+      return std::string("<setres>");
+    }
+    HttpLiveStream stream("s");
+    return stream.Transcoding("0") ? stream.ReadFragment("0") : std::string();
+  }));
+  ASSERT_TRUE(orvotest::CompleteSegment(first)) << first;
   const int monitor = MonitorPid("s");
   ASSERT_GT(monitor, 0);
   const std::vector<int> transcoders = orvotest::RegistryPids();

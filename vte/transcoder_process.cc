@@ -81,6 +81,22 @@ void LimitInheritance(std::vector<int> passed) {
   CloseOnExec(first, ~0U);
 }
 
+// The monitor this process, a transcoder child, must die with; 0 in every
+// other process.
+pid_t gMonitor = 0;
+
+// The kernel forgets the death signal whenever the effective ids change,
+// and at an exec whose real and effective users differ. A child raised to
+// root for its exec therefore becomes root through and through, and arms
+// the signal last.
+void ArmDeathWithMonitor() {
+  if (gMonitor <= 0) return;
+  if (geteuid() == 0 && (setresgid(0, 0, 0) != 0 || setresuid(0, 0, 0) != 0)) _exit(1);
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  // The monitor may have died before the signal was armed.
+  if (getppid() != gMonitor) _exit(1);
+}
+
 // The decimal pid in a pid file, -1 when it holds nothing.
 int ParsePid(const std::string& text) {
   if (text.empty()) return -1;
@@ -122,6 +138,7 @@ bool ExecAsRoot(const std::string& action, const std::vector<std::string>& argv,
   pointers.push_back(nullptr);
   LimitInheritance(passed);
   return librh::DoActionAsRoot(action, [&pointers] {
+    ArmDeathWithMonitor();
     execvp(pointers[0], pointers.data());
     return false;
   });
@@ -150,9 +167,8 @@ void DetachFromCaller(int kept) {
 
 
 void DieWithMonitor(pid_t monitor) {
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
-  // The monitor may have died between the fork and the call.
-  if (getppid() != monitor) _exit(1);
+  gMonitor = monitor;
+  ArmDeathWithMonitor();
 }
 
 }  // namespace transcoder

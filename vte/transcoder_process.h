@@ -60,6 +60,8 @@ void DetachFromCaller(int kept);
 // For a transcoder or segmenter child of `monitor`, first thing after fork:
 // the child gets SIGTERM when the monitor dies, even by SIGKILL, so no
 // transcoder outlives the process that supervises and unregisters it.
+// ExecAsRoot keeps the signal across its raise to root and the exec, for
+// which the child takes root as its real ids too.
 void DieWithMonitor(pid_t monitor);
 
 }  // namespace transcoder
