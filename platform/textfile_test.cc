@@ -42,22 +42,14 @@ TEST_F(KeyValueTest, ReadsValues) {
     int result;
     const char* value;
   } cases[] = {
-      {"unique", 16, "reelbox_x86_1019"},
-      {"spaced", 17, "value with spaces"},
-      {"quoted", 10, "  padded  "},
-      {"empty", 0, ""},
-      {"emptyquoted", 0, ""},
-      {"dup", 5, "first"},
-      {"key", 0, ""},
-      {"prefix", 0, ""},
-      {"indented", 3, "yes"},
-      {"crlf", 5, "value"},
-      {"trailing", 3, "abc"},
-      {"unterminated", 3, "abc"},
-      {"equals", 3, "a=b"},
-      {"last", 10, "no newline"},
-      {"# comment line, key", 0, ""},
-      {"no equals sign here", 0, ""},
+      {"unique", 16, "reelbox_x86_1019"}, {"spaced", 17, "value with spaces"},
+      {"quoted", 10, "  padded  "},       {"empty", 0, ""},
+      {"emptyquoted", 0, ""},             {"dup", 5, "first"},
+      {"key", 0, ""},                     {"prefix", 0, ""},
+      {"indented", 3, "yes"},             {"crlf", 5, "value"},
+      {"trailing", 3, "abc"},             {"unterminated", 3, "abc"},
+      {"equals", 3, "a=b"},               {"last", 10, "no newline"},
+      {"# comment line, key", 0, ""},     {"no equals sign here", 0, ""},
       {"UNIQUE", 0, ""},
   };
   for (const Case& c : cases) {
@@ -135,12 +127,6 @@ TEST_F(KeyValueTest, ChecksValues) {
   }
   EXPECT_EQ(OLIBCFileCheckKeyValue(Root().At("/missing").c_str(), "unique", "x", 0), -1);
   EXPECT_EQ(OLIBCFileCheckKeyValue(file_.c_str(), "unique", nullptr, 0), -1);
-
-  // The codecs file the machine root writes, as the engine asks it.
-  const std::string codecs = librh::machine::Resolve(librh::machine::kCodecsConf);
-  EXPECT_EQ(OLIBCFileCheckKeyValue(codecs.c_str(), "support_codec_dts", "yes", 0), 0);
-  Root().WriteFile(librh::machine::kCodecsConf, "support_codec_dts=\"yes\"\n");
-  EXPECT_EQ(OLIBCFileCheckKeyValue(codecs.c_str(), "support_codec_dts", "yes", 0), 1);
 }
 
 TEST_F(KeyValueTest, ReadsPidFiles) {

@@ -25,6 +25,7 @@
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
 #include "vte/http_live_stream.h"
+#include "vte/http_stream.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -97,6 +98,64 @@ TEST_F(FaultTest, MonitorKilled) {
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
   CloseAndRecord("s", "`kill -9` of the monitor",
                  "its transcoder ends with it; later requests, near and far, are served");
+}
+
+TEST_F(FaultTest, TranscoderKilled) {
+  Start("s");
+  const int monitor = MonitorPid("s");
+  const std::vector<int> transcoders = orvotest::RegistryPids();
+  ASSERT_EQ(transcoders.size(), 1u);
+  ASSERT_EQ(kill(transcoders[0], SIGKILL), 0);
+  // The monitor sees its run end, unregisters it, clears what it cut short.
+  EXPECT_TRUE(orvotest::Ends(monitor, 10000));
+  EXPECT_TRUE(orvotest::RegistryPids().empty());
+  std::error_code error;
+  for (const auto& entry :
+       fs::directory_iterator(fs::read_symlink(orvotest::SessionPath("HLS", "s")), error)) {
+    if (entry.path().extension() != ".ts") continue;
+    const auto size = fs::file_size(entry.path(), error);
+    EXPECT_TRUE(size > 0 && size % 188 == 0) << entry.path() << " is cut short: " << size;
+  }
+  EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
+  CloseAndRecord("s", "`kill -9` of the transcoder",
+                 "its monitor unregisters it and clears the segment it cut short; a later request "
+                 "is served");
+}
+
+// A progressive request killed while it reads: its transcoder, writing into
+// a pipe nobody can read any more, ends.
+TEST_F(FaultTest, RequestKilledInTheMiddleOfARead) {
+  const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
+  const pid_t reader = orvotest::StartChild([&] {
+    if (orvotest::CreateSession(orvotest::Media::kLongH264Mp3Mkv, "HTTP", "http.json",
+                                "http_320x240_x264_vb256_mp3_ab64", "p") != "p") {
+      return 1;
+    }
+    HttpStream stream("p");
+    if (!stream.Init("") || !stream.Transcoding(ffmpeg, 0)) return 2;
+    // A slow client: the transcoder waits on the pipe between its reads.
+    char buffer[16384];
+    while (stream.Read(buffer, sizeof(buffer)) > 0) usleep(100 * 1000);
+    return 3;
+  });
+  const int transcoder = orvotest::RecordedPid(orvotest::SessionPath("HTTP", "p", "monitor.pid"));
+  ASSERT_GT(transcoder, 0);
+  ASSERT_TRUE(orvotest::WaitUntil([&] { return orvotest::Registered(transcoder); }, 10000));
+  usleep(500 * 1000);
+  ASSERT_TRUE(OLIBCProcAlive(transcoder)) << "the run ended before the reader was killed";
+  ASSERT_EQ(kill(reader, SIGKILL), 0);
+  orvotest::WaitForChild(reader, 5);
+  EXPECT_TRUE(orvotest::Ends(transcoder, 5000)) << "the transcoder outlives its reader";
+  EXPECT_EQ(orvotest::RunInChild([] { return HttpStream("p").Close() ? 0 : 1; }), 0);
+  EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath("HTTP", "p")));
+  const std::string left = Leftovers();
+  EXPECT_EQ(left, "");
+  EXPECT_TRUE(LaterStreamWorks("later"));
+  if (!HasFailure()) {
+    HostileRow("fault", "`kill -9` of a progressive request in the middle of a Read",
+               "its transcoder ends on the broken pipe; after close nothing left, registry "
+               "valid, next stream plays");
+  }
 }
 
 TEST_F(FaultTest, RequestKilledInTheMiddleOfAWait) {

@@ -223,7 +223,6 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   // until they exec (the monitor has no threads, so what the transcoder's
   // own exec path allocates is safe too).
   int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  bool full = false;
   do {
     if (streamId_.empty() || profileArgs_.empty() || fragmentId.empty()) break;
     seekTime_ = CalculateSeekTime(fragmentId);
@@ -304,7 +303,6 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
       if (VolumeFull(GetVTEFileFullPath(""))) {
         ORVO_LOG(LOG_ERR, "No space left for stream [%s]: transcoding stopped",
                  streamId_.c_str());
-        full = true;
         break;
       }
       sleep(kMonitorPollSeconds);
@@ -314,11 +312,10 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   CloseIfOpen(pipeFds[1]);
   CloseIfOpen(devNull);
   WaitAllChild();
-  // A run may also have ended by itself on a full volume; what it cut short
-  // goes, so that a later request starts a new run instead of getting it.
-  if (full || VolumeFull(GetVTEFileFullPath(""))) {
-    RemoveCutSegments(static_cast<int>(strtol(fragmentId.c_str(), nullptr, 10)));
-  }
+  // A transcoder killed, or starved by a full volume, leaves its last
+  // segments cut short: they go, so that a later request starts a new run
+  // instead of getting them.
+  RemoveCutSegments(static_cast<int>(strtol(fragmentId.c_str(), nullptr, 10)));
 }
 
 bool HttpLiveStream::ExecuteSegmenter(int readFd, int startNumber) {

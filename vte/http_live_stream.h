@@ -94,7 +94,7 @@ class HttpLiveStream : public AdaptStream {
   // Whether the segment file exists and holds nothing but whole packets.
   bool SegmentIsWhole(int fragment) const;
   // Removes, from `from` on, the first segment that is not whole and every
-  // one after it: what a run wrote once its volume was full.
+  // one after it: what a run wrote once it was killed or its volume full.
   void RemoveCutSegments(int from) const;
   bool IsTransAndSegNeedToRestart(const std::string& fragmentId) const;
   // A descriptor holding the start lock, or -1 when another restart kept it

@@ -75,12 +75,8 @@ TEST(ProgressiveArithmetic, RateSizeAndTimeFromTheProfileName) {
   } rates[] = {
       {"http_hd480_x264_vb1024_aac_ab128", 1310720},
       {"vb1024_ab128_vb512", 786432},  // the later video token wins
-      {"ab64\nvb256", 393216},
-      {"http_hd720_x264_vb2048", -1},
-      {"http_aac_ab128", -1},
-      {"avb100_ab10", -1},
-      {"___", -1},
-      {"", -1},
+      {"ab64\nvb256", 393216},  {"http_hd720_x264_vb2048", -1}, {"http_aac_ab128", -1},
+      {"avb100_ab10", -1},      {"___", -1},                    {"", -1},
   };
   for (const auto& c : rates) EXPECT_EQ(progressive::TransBitRate(c.key), c.rate) << c.key;
 
@@ -89,9 +85,7 @@ TEST(ProgressiveArithmetic, RateSizeAndTimeFromTheProfileName) {
     unsigned int duration;
     unsigned long long bytes;
   } sizes[] = {
-      {1310720, 40, 6553600},
-      {1310720, 0, 0},
-      {-1, 40, 0},
+      {1310720, 40, 6553600}, {1310720, 0, 0}, {-1, 40, 0},
       // In single precision 16777217 s is 2^24 s; double would give 152576 more.
       {1220608, 16777217, 2559800508416ULL},
   };
@@ -124,12 +118,9 @@ TEST(ProgressiveArithmetic, ScaleResolution) {
   } cases[] = {
       {16.0f / 9.0f, "hd720", true, "1280x720"},
       {1.7778f, "hd720", true, "1290x720"},  // 1280.016 rounds up
-      {1.3333f, "hd480", true, "640x480"},
-      {2.35f, "hd720", true, "1700x720"},
-      {1.7778f, "1920x1080", true, "1920x1080"},
-      {1.7778f, "", false, ""},
-      {0.0f, "hd720", false, "hd720"},
-      {-1.0f, "hd480", false, "hd480"},
+      {1.3333f, "hd480", true, "640x480"},      {2.35f, "hd720", true, "1700x720"},
+      {1.7778f, "1920x1080", true, "1920x1080"}, {1.7778f, "", false, ""},
+      {0.0f, "hd720", false, "hd720"},          {-1.0f, "hd480", false, "hd480"},
   };
   for (const auto& c : cases) {
     std::string result = "stale";
@@ -170,7 +161,6 @@ TEST_F(HttpStreamTest, AnswersFromTheSessionProfileAndSource) {
   EXPECT_TRUE(stream.VTE_HTTP_SCALE_RESOLUTION("hd480", size));
   EXPECT_EQ(size, "640x480");  // the source is 4:3
   EXPECT_THAT(stream.CalculateFFmpegArgument(), Contains("mpegts"));
-
 
   const std::string rotated = NewSession(Media::kRotatedMp4, kProfile, "r");
   HttpStream turned(rotated);

@@ -3,7 +3,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +16,7 @@
 #include "tests/support/child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
 #include "vte/liborvovte.h"
@@ -42,18 +42,13 @@ constexpr char kEncode[] = "-vcodec libx264";
 constexpr char kRemux[] = "-vcodec copy -bsf:v h264_mp4toannexb";
 constexpr char kHardware[] = "-vcodec h264_smd";
 
-void SleepMs(long ms) {
-  struct timespec pause = {ms / 1000, (ms % 1000) * 1000000};
-  nanosleep(&pause, nullptr);
-}
-
 // How `pid` ended: the signal that killed it, 0 for an exit, -1 when it still
 // ran after `timeoutSeconds` (it is then killed and reaped).
 int EndingSignal(pid_t pid, int timeoutSeconds) {
-  for (int tick = 0; tick <= timeoutSeconds * 100; ++tick) {
-    int status = 0;
-    if (waitpid(pid, &status, WNOHANG) == pid) return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    SleepMs(10);
+  int status = 0;
+  if (orvotest::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; },
+                          timeoutSeconds * 1000)) {
+    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   }
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
@@ -307,7 +302,7 @@ TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
       return 0;
     });
   }
-  SleepMs(300);
+  usleep(300 * 1000);
   EXPECT_EQ("", RecordedMonitor()) << "recorded without the lock";
   flock(lock, LOCK_UN);
   close(lock);
@@ -317,9 +312,7 @@ TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
   const pid_t loser = waitpid(-1, &loserStatus, 0);
   const pid_t winner = loser == racers[0] ? racers[1] : racers[0];
   // The loser may be gone before the winner's record is written.
-  for (int tick = 0; tick < 500 && RecordedMonitor() != std::to_string(winner); ++tick) {
-    SleepMs(10);
-  }
+  orvotest::WaitUntil([&] { return RecordedMonitor() == std::to_string(winner); }, 5000);
   EXPECT_TRUE(WIFSIGNALED(loserStatus) && WTERMSIG(loserStatus) == SIGTERM) << "both survived";
   EXPECT_EQ(std::to_string(winner), RecordedMonitor());
   EXPECT_TRUE(OLIBCProcAlive(winner));

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -47,38 +48,36 @@ int CountPid(const Json::Value& registry, int pid) {
   return count;
 }
 
-// In a child that has just made its machine root: "" when this process plays
-// `name`, else why not (its platform was fixed before the root existed, as
-// when cases share one process instead of one each).
-std::string PlatformMismatch(const std::string& name) {
-  const librh::util::PlatformUtils& platform = librh::util::PlatformUtils::GetInst();
-  if (platform.IsMonaco() == (name == "monaco") && platform.IsBraswell() == (name == "braswell") &&
-      platform.IsEvansport() == (name == "evansport")) {
-    return "";
-  }
-  return name + ": the platform was fixed before this case; run it in a process of its own";
+// Runs `body` in a child that plays `platform` in a machine root of its own
+// and hands back the failures it reports ("" for none): gtest cannot record
+// a failure made in a forked child.
+std::string InPlatform(const std::string& platform, const std::function<std::string()>& body,
+                       int timeoutSeconds = 30) {
+  return orvotest::TextFromChild(
+      [&] {
+        orvotest::PlatformFiles files;
+        files.name = platform;
+        orvotest::MachineRoot root(files);
+        // Fixed once per process: one read before the root existed would stick.
+        const librh::util::PlatformUtils& plays = librh::util::PlatformUtils::GetInst();
+        if (plays.IsMonaco() != (platform == "monaco") ||
+            plays.IsBraswell() != (platform == "braswell") ||
+            plays.IsEvansport() != (platform == "evansport")) {
+          return platform + ": the platform was fixed before this case";
+        }
+        return body();
+      },
+      timeoutSeconds);
 }
 
-// gtest cannot record a failure made in a forked child: children collect
-// theirs and hand them back as text.
-class ChildChecks {
- public:
-  explicit ChildChecks(std::string context) : context_(std::move(context)) {}
-  void Expect(bool ok, const std::string& what) {
-    if (!ok) failures_ += context_ + ": " + what + "\n";
-  }
-  const std::string& Failures() const { return failures_; }
-
- private:
-  std::string context_;
-  std::string failures_;
-};
+void Expect(std::string& failures, bool ok, const std::string& what) {
+  if (!ok) failures += what + "\n";
+}
 
 // A pipe that children inherit: the parent closes `write` to release every
 // child blocked in WaitForRelease at once.
 struct Gate {
-  int read = -1;
-  int write = -1;
+  int read = -1, write = -1;
   Gate() {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) == 0) {
@@ -105,9 +104,9 @@ struct Gate {
     CloseWrite();
     std::string bytes;
     struct pollfd ready = {read, POLLIN, 0};
-    while (bytes.size() < count && poll(&ready, 1, timeoutSeconds * 1000) > 0) {
-      char byte;
-      if (::read(read, &byte, 1) != 1) break;
+    char byte;
+    while (bytes.size() < count && poll(&ready, 1, timeoutSeconds * 1000) > 0 &&
+           ::read(read, &byte, 1) == 1) {
       bytes += byte;
     }
     return bytes;
@@ -129,38 +128,28 @@ TEST(TransLoadingLimits, FollowThePlatform) {
       {"x86", 0, 0, true, false},  // no engine: never a hardware transcoder
       {"x86", 1, 0, false, false},
       {"monaco", 0, 0, true, true},  // an empty registry admits even past a 0 limit
-      {"monaco", 0, 1, false, false},
-      {"monaco", 1, 0, false, true},
-      {"evansport", 1, 0, false, true},
-      {"evansport", 0, 1, true, false},
-      {"braswell", 1, 0, false, true},
-      {"braswell", 0, 99, true, true},
+      {"monaco", 0, 1, false, false},     {"monaco", 1, 0, false, true},
+      {"evansport", 1, 0, false, true},   {"evansport", 0, 1, true, false},
+      {"braswell", 1, 0, false, true},    {"braswell", 0, 99, true, true},
       {"braswell", 0, 100, true, false},  // the 101st is refused
   };
   for (const Row& row : rows) {
-    const std::string context = std::string(row.platform) + " with " +
-                                std::to_string(row.softwareHeld) + " software and " +
-                                std::to_string(row.hardwareHeld) + " hardware entries";
-    const std::string failures = orvotest::TextFromChild([&] {
-      orvotest::PlatformFiles files;
-      files.name = row.platform;
-      orvotest::MachineRoot root(files);
-      const std::string mismatch = PlatformMismatch(row.platform);
-      if (!mismatch.empty()) return mismatch;
+    const std::string failures = InPlatform(row.platform, [&] {
       // Duplicates are allowed, and this child stays alive throughout.
       Register(getpid(), false, false, row.softwareHeld);
       Register(getpid(), true, false, row.hardwareHeld);
       TransLoading registry;
-      ChildChecks checks(context);
-      checks.Expect(registry.TransEnable(false) == row.admitsSoftware, "TransEnable(false)");
-      checks.Expect(registry.TransEnable(true) == row.admitsHardware, "TransEnable(true)");
+      std::string failed;
+      Expect(failed, registry.TransEnable(false) == row.admitsSoftware, "TransEnable(false)");
+      Expect(failed, registry.TransEnable(true) == row.admitsHardware, "TransEnable(true)");
       if (row.softwareHeld + row.hardwareHeld > 0) {
-        checks.Expect(registry.SoftwareTransEnable() == row.admitsSoftware, "software");
-        checks.Expect(registry.HardwareTransEnable() == row.admitsHardware, "hardware");
+        Expect(failed, registry.SoftwareTransEnable() == row.admitsSoftware, "software");
+        Expect(failed, registry.HardwareTransEnable() == row.admitsHardware, "hardware");
       }
-      return checks.Failures();
+      return failed;
     });
-    EXPECT_EQ("", failures) << context;
+    EXPECT_EQ("", failures) << row.platform << " with " << row.softwareHeld << " software and "
+                            << row.hardwareHeld << " hardware entries";
   }
 }
 
@@ -175,48 +164,36 @@ TEST_F(TransLoadingTest, WritesEntriesBackOpenToEveryUser) {
   }
   umask(oldMask);
   std::ifstream in(RegistryPath());
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   const std::string me = std::to_string(getpid());
   const std::string parent = std::to_string(getppid());
   EXPECT_EQ("[{\"PID\":" + me + ",\"hardware_transcode\":true,\"offline_conversion\":false}," +
-                "{\"PID\":" + parent + ",\"hardware_transcode\":false,\"offline_conversion\":true}]\n",
+                "{\"PID\":" + parent +
+                ",\"hardware_transcode\":false,\"offline_conversion\":true}]\n",
             text);
   struct stat info;
   ASSERT_EQ(0, stat(RegistryPath().c_str(), &info));
   EXPECT_EQ(0777u, info.st_mode & 07777);
 }
 
-TEST_F(TransLoadingTest, RemovesEveryEntryOfAPidAndNothingElse) {
-  Register(getpid(), false, false, 3);
-  Register(getppid(), true, true);
-  {
-    TransLoading registry;
-    EXPECT_TRUE(registry.RemoveTransPIDLock(999999999)) << "an unknown pid is no failure";
-    EXPECT_TRUE(registry.RemoveTransPIDLock(getpid()));
-    EXPECT_TRUE(registry.IsOffineConverting()) << "the other pid's entry stays";
-  }
-  Json::Value registry;
-  ASSERT_TRUE(ReadRegistry(registry));
-  ASSERT_EQ(1u, registry.size());
-  EXPECT_EQ(getppid(), registry[0]["PID"].asInt());
-}
-
-TEST_F(TransLoadingTest, DeadPidsVanishTheNextTimeTheRegistryIsTaken) {
+TEST_F(TransLoadingTest, RemovesEveryEntryOfAPidAndDeadPidsOnceTaken) {
   const pid_t dead = orvotest::StartChild([] { return 0; });
   ASSERT_EQ(0, orvotest::WaitForChild(dead, 10));
+  Register(getpid(), false, false, 3);
+  Register(getppid(), true, true);
+  Register(dead, false, false);  // last: the next taker drops it
+  Json::Value registry;
+  ASSERT_TRUE(ReadRegistry(registry));
+  EXPECT_EQ(1, CountPid(registry, dead)) << "saving does not check liveness";
   {
-    TransLoading registry;
-    registry.SaveTransPID(dead, false, false);
-    registry.SaveTransPID(getpid(), true, false);
+    TransLoading taken;
+    EXPECT_TRUE(taken.RemoveTransPIDLock(999999999)) << "an unknown pid is no failure";
+    EXPECT_TRUE(taken.RemoveTransPIDLock(getpid()));
+    EXPECT_TRUE(taken.IsOffineConverting()) << "the other pid's entry stays";
   }
-  Json::Value before;
-  ASSERT_TRUE(ReadRegistry(before));
-  EXPECT_EQ(1, CountPid(before, dead)) << "saving does not check liveness";
-  { TransLoading registry; }
-  Json::Value after;
-  ASSERT_TRUE(ReadRegistry(after));
-  ASSERT_EQ(1u, after.size());
-  EXPECT_EQ(getpid(), after[0]["PID"].asInt());
+  ASSERT_TRUE(ReadRegistry(registry));
+  ASSERT_EQ(1u, registry.size()) << registry;
+  EXPECT_EQ(getppid(), registry[0]["PID"].asInt());
 }
 
 // Whatever the file holds, taking the registry neither crashes nor trusts
@@ -249,26 +226,24 @@ TEST_F(TransLoadingTest, SurvivesWhateverTheFileHolds) {
        true},
   };
   for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
     Root().WriteFile(librh::machine::kLoadRegistry, row.content);
     {
       orvotest::LogCapture logs;
       TransLoading registry;
-      EXPECT_EQ(row.readFails, logs.Contains("ReadAndCheckAlive failed"))
-          << row.name << "\n" << logs.Dump();
-      EXPECT_EQ(row.admitsSoftware, registry.TransEnable(false)) << row.name;
-      EXPECT_EQ(row.offline, registry.IsOffineConverting()) << row.name;
+      EXPECT_EQ(row.readFails, logs.Contains("ReadAndCheckAlive failed")) << logs.Dump();
+      EXPECT_EQ(row.admitsSoftware, registry.TransEnable(false));
+      EXPECT_EQ(row.offline, registry.IsOffineConverting());
       registry.SaveTransPID(getppid(), true, false);
     }
     Json::Value written;
-    ASSERT_TRUE(ReadRegistry(written)) << row.name;
+    ASSERT_TRUE(ReadRegistry(written));
     Json::Value kept;
     std::istringstream keptText(row.kept);
     ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), keptText, &kept, nullptr));
-    ASSERT_EQ(kept.size() + 1, written.size()) << row.name;
-    for (Json::ArrayIndex i = 0; i < kept.size(); ++i) {
-      EXPECT_EQ(kept[i], written[i]) << row.name << " entry " << i;
-    }
-    EXPECT_EQ(getppid(), written[kept.size()]["PID"].asInt()) << row.name;
+    ASSERT_EQ(kept.size() + 1, written.size());
+    for (Json::ArrayIndex i = 0; i < kept.size(); ++i) EXPECT_EQ(kept[i], written[i]) << i;
+    EXPECT_EQ(getppid(), written[kept.size()]["PID"].asInt());
   }
 }
 
@@ -305,8 +280,7 @@ TEST_F(TransLoadingTest, RefusesEverythingWithoutTheLock) {
 TEST_F(TransLoadingTest, KeepsEveryEntryUnderContention) {
   constexpr int kProcesses = 16;
   constexpr int kRounds = 50;
-  Gate done;
-  Gate release;
+  Gate done, release;
   std::set<int> children;
   for (int i = 0; i < kProcesses; ++i) {
     const pid_t pid = orvotest::StartChild([&] {
@@ -364,17 +338,11 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
       {"braswell", 16, false, true, 90, 0, 10},
   };
   for (const Row& row : rows) {
-    const std::string failures = orvotest::TextFromChild(
+    const std::string failures = InPlatform(
+        row.platform,
         [&] {
-          orvotest::PlatformFiles files;
-          files.name = row.platform;
-          orvotest::MachineRoot root(files);
-          const std::string mismatch = PlatformMismatch(row.platform);
-          if (!mismatch.empty()) return mismatch;
           Register(getpid(), true, false, row.hardwareHeld);
-          Gate start;
-          Gate results;
-          Gate release;
+          Gate start, results, release;
           std::vector<pid_t> racers;
           for (int i = 0; i < row.racers; ++i) {
             const bool hardware = row.alternateHardware ? i % 2 == 1 : row.hardware;
@@ -396,21 +364,24 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
           start.CloseWrite();
           release.CloseRead();
           const std::string verdicts = results.Collect(row.racers, 60);
-          ChildChecks checks(row.platform);
-          checks.Expect(verdicts.size() == static_cast<size_t>(row.racers), "missing verdicts");
           const auto software = std::count(verdicts.begin(), verdicts.end(), 'S');
           const auto hardware = std::count(verdicts.begin(), verdicts.end(), 'H');
-          checks.Expect(software == row.software, "software admitted " + std::to_string(software));
-          checks.Expect(hardware == row.hardwareAdmitted,
-                        "hardware admitted " + std::to_string(hardware));
+          std::string failed;
+          Expect(failed, verdicts.size() == static_cast<size_t>(row.racers), "missing verdicts");
+          Expect(failed, software == row.software, "software admitted " + std::to_string(software));
+          Expect(failed, hardware == row.hardwareAdmitted,
+                 "hardware admitted " + std::to_string(hardware));
           Json::Value registry;
-          checks.Expect(ReadRegistry(registry) &&
-                            registry.size() == static_cast<Json::ArrayIndex>(
-                                                   row.hardwareHeld + software + hardware),
-                        "registry holds exactly the admitted entries");
+          Expect(failed,
+                 ReadRegistry(registry) &&
+                     registry.size() == static_cast<Json::ArrayIndex>(row.hardwareHeld + software +
+                                                                     hardware),
+                 "registry holds exactly the admitted entries");
           release.CloseWrite();
-          for (pid_t racer : racers) checks.Expect(orvotest::WaitForChild(racer, 30) == 0, "racer");
-          return checks.Failures();
+          for (pid_t racer : racers) {
+            Expect(failed, orvotest::WaitForChild(racer, 30) == 0, "racer");
+          }
+          return failed;
         },
         120);
     EXPECT_EQ("", failures) << row.platform;
