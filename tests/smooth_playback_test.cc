@@ -92,7 +92,8 @@ FragmentFile ParseFragment(const std::string& data) {
     return begin == end;
   };
   fragment.complete =
-      walk(0, data.size()) && data.compare(4, 4, "moof") == 0 && !fragment.annexB.empty();
+      data.size() >= 8 && walk(0, data.size()) && data.compare(4, 4, "moof") == 0 &&
+      !fragment.annexB.empty();
   return fragment;
 }
 
@@ -234,13 +235,17 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
   EXPECT_EQ(probed.Stream("video")->height, std::stoi(Attribute(manifest, "MaxHeight")));
   EXPECT_EQ(probed.Stream("video")->frames, 75);
 
-  // As if the run had reached 60 s.
+  // As if the run were still going and had reached 60 s.
   for (long long time : chunks) {
     if (time <= 600000000) continue;
     fs::remove(fragments + Fragment(kVideo, time));
     fs::remove(fragments + Fragment(kAudio, time));
   }
-  const int firstMonitor = orvotest::RecordedPid(SessionPath("SS", "play", "monitor.pid"));
+  const int firstMonitor = orvotest::StartChild([] {
+    for (;;) pause();
+    return 0;
+  });
+  std::ofstream(SessionPath("SS", "play", "monitor.pid")) << firstMonitor;
   // Within 50 s of the newest fragment, and audio at any distance: no restart.
   EXPECT_EQ(Request("play", Fragment(kVideo, 1000000000), false), "ok");
   EXPECT_EQ(Request("play", Fragment(kAudio, 1200000000), false), "ok");
@@ -270,6 +275,38 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
   EXPECT_EQ(orvotest::RunInChild([] { return SmoothStream("play").Close() ? 0 : 1; }), 0);
   EXPECT_TRUE(orvotest::Ends(thirdMonitor));
   EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "play")));
+}
+
+// A request killed in the middle of its restart, before its monitor has
+// started, leaves "seek_time" at its position and nothing running there:
+// the next request for that position restarts instead of being handed a
+// fragment nobody writes.
+TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
+  // A first run that lingers, so that the restart waits for its monitor.
+  const std::string program = Root().At(librh::machine::kPackageFFmpeg);
+  fs::create_directories(fs::path(program).parent_path());
+  fs::create_symlink(orvotest::StandInProgram(), program);
+  orvotest::ArmStandIn(Root().At("/record"), 60000);
+  Open(orvotest::Media::kLongLowResMp4, "k");
+  ASSERT_EQ(Request("k", Fragment(kVideo, 0), false), "ok");
+  const int lingering = orvotest::RecordedPid(SessionPath("SS", "k", "monitor.pid"));
+  ASSERT_GT(lingering, 0);
+  fs::remove(program);
+  orvotest::InstallLaunchers(Root());
+
+  const std::string far = Fragment(kVideo, 1200000000);
+  const pid_t killed = orvotest::StartChild([&] { return SmoothStream("k").Transcoding(far) ? 0 : 1; });
+  ASSERT_TRUE(orvotest::WaitUntil(
+      [&] { return ReadFile(SessionPath("SS", "k", "seek_time")) == "120"; }, 5000));
+  ASSERT_EQ(kill(killed, SIGKILL), 0);
+  orvotest::WaitForChild(killed, 5);
+
+  ASSERT_EQ(Request("k", far), Served("k", far));
+  const FragmentFile served = ParseFragment(Slurp(SessionPath("SS", "k", "smooth/" + far)));
+  EXPECT_TRUE(served.complete);
+  EXPECT_NEAR(served.time, 1200000000, kFrame);
+  EXPECT_EQ(orvotest::RunInChild([] { return SmoothStream("k").Close() ? 0 : 1; }), 0);
+  EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "k")));
 }
 
 // How a run ends, with a stand-in transcoder that would otherwise linger

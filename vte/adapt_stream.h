@@ -44,6 +44,14 @@ class AdaptStream : public VTEStream {
   // least `seconds`. A session never accessed never times out.
   bool VTEIsTimeout(unsigned long seconds) const;
 
+  // Restarts take turns: a request restarting the stream holds the start
+  // lock until the monitor it forks has recorded itself. A descriptor
+  // holding it, or -1 when another restart kept it for a whole fragment
+  // wait; while any copy of it is open, a start is pending.
+  int TakeStartLock() const;
+  // Whether a restart once took the lock and none is pending now.
+  bool IsStartLockFree() const;
+
  protected:
   AdaptStream(const std::string& streamId, const std::string& format);
 };

@@ -1,12 +1,8 @@
 // Which segment requests the running transcoder will serve and which need a
 // new run, and waiting for a segment file to be complete.
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -20,10 +16,6 @@ namespace {
 
 constexpr char kSeekTimeFile[] = "seek_time";
 constexpr char kRequestFragmentFile[] = "request_fragment_id";
-// Held by the request restarting the stream, then by the monitor it forks
-// until that has recorded itself.
-constexpr char kStartLockFile[] = "start_lock";
-constexpr mode_t kStartLockMode = 0660;
 
 // A run produces its first segments within seconds; a request inside this
 // window of the run's start waits for them instead of restarting.
@@ -34,7 +26,6 @@ constexpr long kAheadWindow = 4;
 // A remuxed MP4 source restarts on a jump longer than this, in segments.
 constexpr long kRemuxJump = 7;
 constexpr int kReadRounds = 60;
-constexpr int kStartLockTenths = 10 * kReadRounds;
 constexpr char kLogTag[] = "hls_segments";
 // A segment is a run of whole transport-stream packets.
 constexpr off_t kPacketBytes = 188;
@@ -78,34 +69,14 @@ bool HttpLiveStream::IsTransAndSegNeedToRestart(const std::string& fragmentId) c
   return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(reached)), 0);
 }
 
-int HttpLiveStream::TakeStartLock() const {
-  const std::string path = GetVTEFileFullPath(kStartLockFile);
-  const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kStartLockMode);
-  if (fd < 0) return -1;
-  // Polled, so that a turn never ends up longer than a segment wait.
-  for (int tenth = 0; tenth < kStartLockTenths; ++tenth) {
-    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
-    if (errno != EWOULDBLOCK && errno != EINTR) break;
-    struct timespec wait = {0, 100 * 1000 * 1000};
-    nanosleep(&wait, nullptr);
-  }
-  close(fd);
-  return -1;
-}
-
 bool HttpLiveStream::NoRunWillWrite(const std::string& fragmentId) const {
   return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(ParseId(fragmentId))), 0) &&
          !IsFFmpegRun();
 }
 
 bool HttpLiveStream::IsStartAbandoned(const std::string& fragmentId) const {
-  // Without the lock file no start was ever pending here.
-  const int fd = open(GetVTEFileFullPath(kStartLockFile).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool nonePending = flock(fd, LOCK_EX | LOCK_NB) == 0;
-  close(fd);
   // Asked after the lock: a monitor records itself before letting go of it.
-  return nonePending && NoRunWillWrite(fragmentId);
+  return IsStartLockFree() && NoRunWillWrite(fragmentId);
 }
 
 bool HttpLiveStream::IsHLSRemuxSeek(const std::string& fragmentId) const {

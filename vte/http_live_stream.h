@@ -97,10 +97,6 @@ class HttpLiveStream : public AdaptStream {
   // one after it: what a run wrote once it was killed or its volume full.
   void RemoveCutSegments(int from) const;
   bool IsTransAndSegNeedToRestart(const std::string& fragmentId) const;
-  // A descriptor holding the start lock, or -1 when another restart kept it
-  // for a whole segment wait. While any copy of it is open, a start is
-  // pending.
-  int TakeStartLock() const;
   // Whether the segment is missing and no monitor runs to write it.
   bool NoRunWillWrite(const std::string& fragmentId) const;
   // Whether the run that the newest restart announced will never come: the

@@ -209,6 +209,17 @@ bool SmoothStream::IsNeedToSeek(const std::string& fragmentId) const {
   return requested > SaturatingAdd(newest, kSeekDistance) || requested < runStart;
 }
 
+bool SmoothStream::NoRunWillWrite(const std::string& fragmentId) const {
+  return !VerifyFileExist(GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId), 0) &&
+         !IsFFmpegRun();
+}
+
+bool SmoothStream::IsStartAbandoned(const std::string& fragmentId) const {
+  // Asked after the lock: a monitor records itself before its request lets
+  // go of it.
+  return IsStartLockFree() && NoRunWillWrite(fragmentId);
+}
+
 bool SmoothStream::VerifyFragmentIsReady(const std::string& fragmentId,
                                          unsigned int fragmentsAhead) const {
   if (streamId_.empty() || fragmentId.empty()) return false;
@@ -260,23 +271,39 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
     }
     // Audio follows whatever video run the player is in; restarting for it
     // would throw away the video the player is fetching meanwhile.
-    if (fragmentId.find("audio") != std::string::npos || !IsNeedToSeek(fragmentId)) return true;
+    if (fragmentId.find("audio") != std::string::npos) return true;
+    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentId)) return true;
 
-    seekTime = CalculateSeekTime(fragmentId);
-    // find reports a failure when it cannot descend into the directory it
-    // has just removed; what matters is that the old fragments are gone.
-    if (!SeekingHandler() && VerifyFileExist(GetVTEFileFullPath(kFragmentDir), 0)) return false;
-    // Until the new monitor has recorded itself, "monitor.pid" still names
-    // the one just ended, and the ReadFragment that follows in this request
-    // would take the run for finished and serve a fragment not yet written.
-    int recorded[2];
-    if (pipe2(recorded, O_CLOEXEC) != 0) return false;
-    const int forked = OLIBCProcForkChildNoWait();
+    // Restarts take turns; this request keeps its turn until its monitor
+    // has recorded itself.
+    const int turn = TakeStartLock();
+    if (turn < 0) {
+      ORVO_LOG(LOG_ERR, "Another restart of stream [%s] is still pending", streamId_.c_str());
+      return false;
+    }
+    // The restart that had the turn before may have started what this
+    // request needs.
+    const bool started = !IsNeedToSeek(fragmentId) && !NoRunWillWrite(fragmentId);
+    int recorded[2] = {-1, -1};
+    int forked = -1;
+    if (!started) {
+      seekTime = CalculateSeekTime(fragmentId);
+      // find reports a failure when it cannot descend into the directory it
+      // has just removed; what matters is that the old fragments are gone.
+      const bool cleared =
+          SeekingHandler() || !VerifyFileExist(GetVTEFileFullPath(kFragmentDir), 0);
+      // Until the new monitor has recorded itself, "monitor.pid" still names
+      // the one just ended, and the ReadFragment that follows in this
+      // request would take the run for finished and serve a fragment not yet
+      // written.
+      if (cleared && pipe2(recorded, O_CLOEXEC) == 0) forked = OLIBCProcForkChildNoWait();
+    }
     if (forked != 0) {
-      close(recorded[1]);
+      if (recorded[1] >= 0) close(recorded[1]);
       if (forked == 1) WaitForMonitor(recorded[0]);
-      close(recorded[0]);
-      return forked == 1;
+      if (recorded[0] >= 0) close(recorded[0]);
+      close(turn);
+      return started || forked == 1;
     }
 
     // The monitor: a detached process of its own, which outlives this
