@@ -35,6 +35,22 @@ using orvotest::HostileRow;
 
 class FaultTest : public orvotest::PlaybackTest {
  protected:
+  // The segment files of HLS session `id` that are empty or hold a torn
+  // packet, with their sizes.
+  static std::string CutSegments(const std::string& id) {
+    std::string cut;
+    std::error_code error;
+    for (const auto& entry :
+         fs::directory_iterator(fs::read_symlink(orvotest::SessionPath("HLS", id)), error)) {
+      if (entry.path().extension() != ".ts") continue;
+      const auto size = fs::file_size(entry.path(), error);
+      if (size == 0 || size % 188 != 0) {
+        cut += entry.path().filename().string() + " " + std::to_string(size) + "; ";
+      }
+    }
+    return cut;
+  }
+
   // The common ending: close, then nothing of the stream may remain and a
   // new stream must play. Records the row when all of it held.
   void CloseAndRecord(const std::string& id, const std::string& fault, const std::string& seen) {
@@ -109,13 +125,7 @@ TEST_F(FaultTest, TranscoderKilled) {
   // The monitor sees its run end, unregisters it, clears what it cut short.
   EXPECT_TRUE(orvotest::Ends(monitor, 10000));
   EXPECT_TRUE(orvotest::RegistryPids().empty());
-  std::error_code error;
-  for (const auto& entry :
-       fs::directory_iterator(fs::read_symlink(orvotest::SessionPath("HLS", "s")), error)) {
-    if (entry.path().extension() != ".ts") continue;
-    const auto size = fs::file_size(entry.path(), error);
-    EXPECT_TRUE(size > 0 && size % 188 == 0) << entry.path() << " is cut short: " << size;
-  }
+  EXPECT_EQ(CutSegments("s"), "");
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
   CloseAndRecord("s", "`kill -9` of the transcoder",
                  "its monitor unregisters it and clears the segment it cut short; a later request "
@@ -224,12 +234,7 @@ TEST_F(FaultTest, DataVolumeFillsUpWhileSegmentsAreWritten) {
   EXPECT_GT(refused, 0) << "the volume never filled up";
   // Once its run has ended, the monitor has cleared away what it cut short.
   EXPECT_TRUE(orvotest::Ends(MonitorPid("full"), 20000));
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(fs::read_symlink(orvotest::SessionPath("HLS", "full")), error)) {
-    if (entry.path().extension() != ".ts") continue;
-    const auto size = fs::file_size(entry.path(), error);
-    EXPECT_TRUE(size > 0 && size % 188 == 0) << entry.path() << " is cut short: " << size;
-  }
+  EXPECT_EQ(CutSegments("full"), "");
   const bool closed = Close("full");
   EXPECT_TRUE(closed);
   const std::string left = Leftovers();

@@ -164,8 +164,8 @@ class SmoothPlayback : public orvotest::MachineRootTest {
   }
 
   // One request: Transcoding, then ReadFragment unless `read` is false.
-  // "ok <path>" or "failed". The answer comes back through a file: a pipe
-  // would stay open as long as the monitor the request forks.
+  // "ok <path>" or "failed". The answer comes back through a file once the
+  // request has ended, whatever the processes it started still hold.
   std::string Request(const std::string& id, const std::string& fragment, bool read = true) {
     const std::string answer = Root().At("/answer");
     const std::string chatter = Root().At("/transcoders.log");

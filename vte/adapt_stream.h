@@ -51,6 +51,12 @@ class AdaptStream : public VTEStream {
   int TakeStartLock() const;
   // Whether a restart once took the lock and none is pending now.
   bool IsStartLockFree() const;
+  // Whether `fragmentFile` is missing and no monitor runs to write it.
+  bool NoRunWillWrite(const std::string& fragmentFile) const;
+  // Whether the run the newest restart announced will never write
+  // `fragmentFile`: its request died before the monitor recorded itself, or
+  // the monitor has died since, and the file is not there.
+  bool IsStartAbandoned(const std::string& fragmentFile) const;
 
  protected:
   AdaptStream(const std::string& streamId, const std::string& format);

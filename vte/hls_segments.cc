@@ -69,16 +69,6 @@ bool HttpLiveStream::IsTransAndSegNeedToRestart(const std::string& fragmentId) c
   return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(reached)), 0);
 }
 
-bool HttpLiveStream::NoRunWillWrite(const std::string& fragmentId) const {
-  return !VerifyFileExist(GetSegmentTsPath(static_cast<int>(ParseId(fragmentId))), 0) &&
-         !IsFFmpegRun();
-}
-
-bool HttpLiveStream::IsStartAbandoned(const std::string& fragmentId) const {
-  // Asked after the lock: a monitor records itself before letting go of it.
-  return IsStartLockFree() && NoRunWillWrite(fragmentId);
-}
-
 bool HttpLiveStream::IsHLSRemuxSeek(const std::string& fragmentId) const {
   if (streamId_.empty() || fragmentId.empty()) return false;
   const std::string recordPath = GetVTEFileFullPath(kRequestFragmentFile);
@@ -107,10 +97,9 @@ std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
   if (streamId_.empty() || type_.empty() || profileArgs_.empty() || fragmentId.empty()) {
     return "";
   }
+  const std::string segment = GetSegmentTsPath(static_cast<int>(ParseId(fragmentId)));
   for (int round = 1; round <= kReadRounds; ++round) {
-    if (VerifyFragmentIsReady(fragmentId)) {
-      return GetSegmentTsPath(static_cast<int>(ParseId(fragmentId)));
-    }
+    if (VerifyFragmentIsReady(fragmentId)) return segment;
     // Nothing more is coming when the run that would write it stops for
     // want of room, and no new one starts.
     if (VolumeFull(GetVTEFileFullPath(""))) {
@@ -118,7 +107,7 @@ std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
       break;
     }
     // The run ended, or died, without it, and none is on its way.
-    if (IsStartAbandoned(fragmentId)) {
+    if (IsStartAbandoned(segment)) {
       ORVO_LOG(LOG_ERR, "ReadFragment: no run left to write file[%s]", fragmentId.c_str());
       break;
     }

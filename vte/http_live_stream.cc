@@ -119,9 +119,11 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   if (streamId_.empty() || type_.empty() || profileArgs_.empty() || fragmentId.empty()) {
     return false;
   }
+  const std::string segment =
+      GetSegmentTsPath(static_cast<int>(strtol(fragmentId.c_str(), nullptr, 10)));
   const bool needed = IsTransAndSegNeedToRestart(fragmentId);
   const bool remuxSeek = !needed && IsHLSRemuxSeek(fragmentId);
-  if (!needed && !remuxSeek && !IsStartAbandoned(fragmentId)) return true;
+  if (!needed && !remuxSeek && !IsStartAbandoned(segment)) return true;
   if (VolumeFull(GetVTEFileFullPath(""))) {
     ORVO_LOG(LOG_ERR, "No space left to transcode stream [%s]", streamId_.c_str());
     return false;
@@ -136,7 +138,7 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   }
   // The restart that had the turn before may have started what this request
   // needs.
-  if (!remuxSeek && !IsTransAndSegNeedToRestart(fragmentId) && !NoRunWillWrite(fragmentId)) {
+  if (!remuxSeek && !IsTransAndSegNeedToRestart(fragmentId) && !NoRunWillWrite(segment)) {
     close(pending);
     return true;
   }
@@ -149,7 +151,7 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   }
   if (forked != 0) {
     // The monitor's copy of the lock, if there is a monitor, keeps it held.
-    if (pending >= 0) close(pending);
+    close(pending);
     return forked == 1;
   }
 
@@ -164,7 +166,7 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   // A newer request may have restarted the stream since this one forked;
   // its monitor is the one to keep.
   const bool newest = CheckSequence() && SaveMonitorPid(getpid(), true);
-  if (pending >= 0) close(pending);
+  close(pending);
   if (newest) ExecuteMointer(fragmentId);
   // _exit: the exit handlers belong to the web request this was forked from.
   _exit(0);

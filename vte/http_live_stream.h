@@ -97,12 +97,6 @@ class HttpLiveStream : public AdaptStream {
   // one after it: what a run wrote once it was killed or its volume full.
   void RemoveCutSegments(int from) const;
   bool IsTransAndSegNeedToRestart(const std::string& fragmentId) const;
-  // Whether the segment is missing and no monitor runs to write it.
-  bool NoRunWillWrite(const std::string& fragmentId) const;
-  // Whether the run that the newest restart announced will never come: the
-  // request that announced it died before its monitor recorded itself, or
-  // the monitor has died since, and the segment is not there.
-  bool IsStartAbandoned(const std::string& fragmentId) const;
   bool IsHLSRemuxSeek(const std::string& fragmentId) const;
   bool VerifyFragmentIsReady(const std::string& fragmentId) const;
 

@@ -222,8 +222,9 @@ TEST_F(SegmentStateTest, RestartOnlyWhenTheRunWillNotReachTheSegmentSoon) {
 TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   dir_ = Session("s", Media::kH264AacMp4, kEncode);
   stream_ = std::make_unique<HttpLiveStream>("s");
+  const std::string twelve = stream_->GetSegmentTsPath(12);
   Prepare("10", {}, false);
-  EXPECT_FALSE(stream_->IsStartAbandoned("12")) << "no start was ever announced here";
+  EXPECT_FALSE(stream_->IsStartAbandoned(twelve)) << "no start was ever announced here";
   EXPECT_FALSE(stream_->IsTransAndSegNeedToRestart("12"));
 
   int ready[2];
@@ -238,10 +239,10 @@ TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   char byte;
   ASSERT_EQ(read(ready[0], &byte, 1), 1);
   close(ready[0]);
-  EXPECT_FALSE(stream_->IsStartAbandoned("12")) << "a start is announced";
+  EXPECT_FALSE(stream_->IsStartAbandoned(twelve)) << "a start is announced";
   kill(announcer, SIGKILL);
   orvotest::WaitForChild(announcer, 5);
-  EXPECT_TRUE(stream_->IsStartAbandoned("12")) << "its request died before forking";
+  EXPECT_TRUE(stream_->IsStartAbandoned(twelve)) << "its request died before forking";
 
   const std::string lock = dir_ + "/start_lock";
   const struct {
@@ -256,7 +257,7 @@ TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   for (const auto& c : cases) {
     Prepare("10", c.segments, c.running);
     std::ofstream(lock).flush();
-    EXPECT_EQ(stream_->IsStartAbandoned("12"), c.abandoned)
+    EXPECT_EQ(stream_->IsStartAbandoned(twelve), c.abandoned)
         << "running " << c.running << ", segments " << c.segments.size();
   }
 }

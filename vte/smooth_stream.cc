@@ -209,17 +209,6 @@ bool SmoothStream::IsNeedToSeek(const std::string& fragmentId) const {
   return requested > SaturatingAdd(newest, kSeekDistance) || requested < runStart;
 }
 
-bool SmoothStream::NoRunWillWrite(const std::string& fragmentId) const {
-  return !VerifyFileExist(GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId), 0) &&
-         !IsFFmpegRun();
-}
-
-bool SmoothStream::IsStartAbandoned(const std::string& fragmentId) const {
-  // Asked after the lock: a monitor records itself before its request lets
-  // go of it.
-  return IsStartLockFree() && NoRunWillWrite(fragmentId);
-}
-
 bool SmoothStream::VerifyFragmentIsReady(const std::string& fragmentId,
                                          unsigned int fragmentsAhead) const {
   if (streamId_.empty() || fragmentId.empty()) return false;
@@ -272,7 +261,9 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
     // Audio follows whatever video run the player is in; restarting for it
     // would throw away the video the player is fetching meanwhile.
     if (fragmentId.find("audio") != std::string::npos) return true;
-    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentId)) return true;
+    const std::string fragmentFile =
+        GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
+    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentFile)) return true;
 
     // Restarts take turns; this request keeps its turn until its monitor
     // has recorded itself.
@@ -283,7 +274,7 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
     }
     // The restart that had the turn before may have started what this
     // request needs.
-    const bool started = !IsNeedToSeek(fragmentId) && !NoRunWillWrite(fragmentId);
+    const bool started = !IsNeedToSeek(fragmentId) && !NoRunWillWrite(fragmentFile);
     int recorded[2] = {-1, -1};
     int forked = -1;
     if (!started) {

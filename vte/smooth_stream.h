@@ -56,12 +56,6 @@ class SmoothStream : public AdaptStream {
   // Whether the request lies before the current run's start or more than
   // 50 seconds beyond its newest fragment (or nothing runs yet).
   bool IsNeedToSeek(const std::string& fragmentId) const;
-  // Whether the fragment file is missing and no monitor runs to write it.
-  bool NoRunWillWrite(const std::string& fragmentId) const;
-  // Whether the run the newest restart announced will never come: its
-  // request died before the monitor recorded itself, or the monitor has died
-  // since, and the fragment is not there.
-  bool IsStartAbandoned(const std::string& fragmentId) const;
   // Whether the fragment `fragmentsAhead` + 1 after the requested one has
   // been started (so the requested one is complete), or nothing more will
   // come because the transcoder has ended.

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "vte/adapt_stream.h"
+#include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -41,6 +42,15 @@ bool AdaptStream::IsStartLockFree() const {
   const bool free = flock(fd, LOCK_EX | LOCK_NB) == 0;
   close(fd);
   return free;
+}
+
+bool AdaptStream::NoRunWillWrite(const std::string& fragmentFile) const {
+  return !VerifyFileExist(fragmentFile, 0) && !IsFFmpegRun();
+}
+
+bool AdaptStream::IsStartAbandoned(const std::string& fragmentFile) const {
+  // Asked after the lock: a monitor records itself before its turn ends.
+  return IsStartLockFree() && NoRunWillWrite(fragmentFile);
 }
 
 }  // namespace LibOrvoVTE

@@ -43,8 +43,8 @@ class PlaybackTest : public ::testing::Test {
 
   // A web request: `body` runs in a child process whose output, and that of
   // the monitors and transcoders it starts, goes to the request log. Its
-  // text comes back without waiting for the end of a pipe, which a monitor
-  // forked by the request would hold open.
+  // text comes back through a file once the request has ended, whatever
+  // the processes it started still hold.
   struct Request {
     pid_t pid = -1;
     int answer = -1;

@@ -14,9 +14,8 @@
 
 namespace vtetool {
 
-// The answer comes back through an unlinked file rather than a pipe: the
-// monitor keeps a copy of every descriptor the request held, and would keep
-// a pipe from ever reaching its end.
+// The answer comes back through an unlinked file once the request has
+// ended, whatever the processes it started still hold.
 bool AsWebRequest(const std::function<std::string()>& body, std::string* answer) {
   std::string name = (std::filesystem::temp_directory_path() / "vtetool-answer-XXXXXX").string();
   const int file = mkostemp(name.data(), O_CLOEXEC);
