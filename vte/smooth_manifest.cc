@@ -182,6 +182,10 @@ constexpr size_t kChunkLineBuffer = 512;
 constexpr unsigned long long kFragmentUnits = 50000000ULL;  // 5 s in 100 ns
 constexpr unsigned long long kUnitsPerSecond = 10000000ULL;
 constexpr long long kFragmentSeconds = 5;
+// A chunk line per 5 s: a month is half a million lines, and anything
+// longer would be a manifest no client could load, or a duration no
+// integer holds.
+constexpr float kMaxManifestSeconds = 31.0f * 24 * 3600;
 
 }  // namespace
 
@@ -247,7 +251,7 @@ bool ProfileValues(const std::string& profileKey, bool hardware, float ratio,
 
 std::string RenderManifest(float durationSeconds, const std::string& url,
                            const QualityValues& values) {
-  if (!(durationSeconds > 0)) return "";
+  if (!(durationSeconds > 0) || !(durationSeconds <= kMaxManifestSeconds)) return "";
   // Whole 5-second chunks and a shorter last one; the chunks carry no start
   // time, so a client sums the durations and asks for multiples of 5 s,
   // which is how the transcoder names its fragments.

@@ -32,7 +32,8 @@ bool ProfileValues(const std::string& profileKey, bool hardware, float ratio,
 
 // The manifest for a source of `durationSeconds` (> 0) whose fragments are
 // requested under `url`; "" when a line would not fit its 4096-byte line
-// (a cut URL would send clients elsewhere).
+// (a cut URL would send clients elsewhere), and for a duration beyond a
+// month, which only a broken or hostile file claims.
 std::string RenderManifest(float durationSeconds, const std::string& url,
                            const QualityValues& values);
 

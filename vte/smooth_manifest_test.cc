@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -107,7 +108,13 @@ TEST(SmoothManifest, RendersTheDocumentByteForByte) {
     ASSERT_NE(first, std::string::npos) << c.seconds;
     EXPECT_NE(manifest.find(c.lastChunk, first + 1), std::string::npos) << c.seconds;
   }
-  EXPECT_EQ(smooth::RenderManifest(0, url, values), "");
+  // Durations no file really has: none, or beyond a month (a fuzzed one
+  // overflowed the chunk count).
+  for (const float seconds : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(),
+                              std::numeric_limits<float>::infinity(), 1e30f, 2678401.0f}) {
+    EXPECT_EQ(smooth::RenderManifest(seconds, url, values), "") << seconds;
+  }
+  EXPECT_NE(smooth::RenderManifest(2678400.0f, url, values), "");
   // A URL that cannot fit the line buffer gives no manifest rather than a
   // cut one; one that would break the attribute is escaped, references
   // already written are kept.
