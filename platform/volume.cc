@@ -80,11 +80,14 @@ int ChooseVolume(const std::vector<VolumeCandidate>& candidates, unsigned long l
   return 1;
 }
 
-int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status, int flags) {
-  if (info == nullptr) {
-    OLIBCErrSet(EINVAL);
-    return -1;
-  }
+bool IsVolumeMountPath(const std::string& path) {
+  const std::string root = librh::machine::Resolve("/");
+  return path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
+         path.find('/', root.size()) == std::string::npos && IsVolumeName(path);
+}
+
+bool VolumeMounts(std::vector<std::string>* mounts) {
+  mounts->clear();
   const std::string pattern = librh::machine::Resolve(librh::machine::kVolumePattern);
   glob_t found;
   memset(&found, 0, sizeof(found));
@@ -93,15 +96,26 @@ int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status
     globfree(&found);
     ORVO_LOG(LOG_ERR, "glob(%s) failed: %d", pattern.c_str(), result);
     OLIBCErrSet(result == GLOB_NOSPACE ? ENOMEM : EIO);
-    return -1;
+    return false;
   }
-  std::vector<VolumeCandidate> candidates;
   for (size_t i = 0; i < found.gl_pathc; ++i) {
-    VolumeCandidate volume;
-    if (IsVolumeName(found.gl_pathv[i]) && Examine(found.gl_pathv[i], &volume)) {
-      candidates.push_back(volume);
-    }
+    if (IsVolumeName(found.gl_pathv[i])) mounts->push_back(found.gl_pathv[i]);
   }
   globfree(&found);
+  return true;
+}
+
+int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status, int flags) {
+  if (info == nullptr) {
+    OLIBCErrSet(EINVAL);
+    return -1;
+  }
+  std::vector<std::string> mounts;
+  if (!VolumeMounts(&mounts)) return -1;
+  std::vector<VolumeCandidate> candidates;
+  for (const std::string& mount : mounts) {
+    VolumeCandidate volume;
+    if (Examine(mount, &volume)) candidates.push_back(volume);
+  }
   return ChooseVolume(candidates, neededBytes, info, status);
 }

@@ -19,6 +19,14 @@ struct VolumeInfo {
 // describing what was seen; -1 on a failure to look (OLIBCErrGet tells why).
 int VolumeAvailGet(unsigned long long neededBytes, VolumeInfo* info, int* status, int flags);
 
+// The data volumes' mount paths under the machine root ("/volume" followed
+// by digits), sorted; false on a failure to look (OLIBCErrGet tells why).
+bool VolumeMounts(std::vector<std::string>* mounts);
+
+// Whether `path` is written as a data volume's mount path under the machine
+// root: the root's "/volume" followed by digits, nothing else.
+bool IsVolumeMountPath(const std::string& path);
+
 // Whether the file system holding `path` has run out of room for a stream's
 // output: less than a megabyte left to an unprivileged writer. A path that
 // cannot be examined does not count as full; the writes into it will fail

@@ -7,12 +7,15 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <set>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -24,6 +27,7 @@
 #include "tests/support/hostile_table.h"
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
+#include "tests/support/test_media.h"
 #include "vte/http_live_stream.h"
 #include "vte/http_stream.h"
 
@@ -33,20 +37,31 @@ namespace {
 namespace fs = std::filesystem;
 using orvotest::HostileRow;
 
+// The test clips have 10 pictures a second.
+constexpr long kFramesPerSecond = 10;
+
 class FaultTest : public orvotest::PlaybackTest {
  protected:
-  // The segment files of HLS session `id` that are empty or hold a torn
-  // packet, with their sizes.
-  static std::string CutSegments(const std::string& id) {
+  // Whether segment `number` at `path` holds all the pictures of its
+  // `length` seconds, or of what is left of a clip of `clip` seconds.
+  static bool WholeSegment(const std::string& path, int number, int length, int clip = 100) {
+    long frames = 0;
+    const int seconds = std::min(length, clip - number * length);
+    return orvotest::CompleteSegment(path, nullptr, &frames) &&
+           frames >= seconds * kFramesPerSecond - 1;
+  }
+
+  // The segment files of HLS session `id` cut short (`length`-second
+  // segments of a 100-second clip).
+  static std::string CutSegments(const std::string& id, int length = 5) {
     std::string cut;
     std::error_code error;
     for (const auto& entry :
          fs::directory_iterator(fs::read_symlink(orvotest::SessionPath("HLS", id)), error)) {
-      if (entry.path().extension() != ".ts") continue;
-      const auto size = fs::file_size(entry.path(), error);
-      if (size == 0 || size % 188 != 0) {
-        cut += entry.path().filename().string() + " " + std::to_string(size) + "; ";
-      }
+      const std::string name = entry.path().filename().string();
+      int number = 0;
+      if (sscanf(name.c_str(), "slice-%d.ts", &number) != 1) continue;
+      if (!WholeSegment(entry.path().string(), number, length)) cut += name + "; ";
     }
     return cut;
   }
@@ -107,13 +122,24 @@ TEST_F(FaultTest, MonitorKilled) {
   ASSERT_EQ(kill(monitor, SIGKILL), 0);
   ASSERT_TRUE(orvotest::Ends(monitor));
   // Its transcoder, seconds short of the end of the clip, goes with it
-  // rather than running on unsupervised.
+  // rather than running on unsupervised, closing the segment it was
+  // writing cut short.
   EXPECT_TRUE(orvotest::Ends(transcoders[0], 3000));
-  // The next request finds no monitor and starts a new run.
-  EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 1)));
+  int last = 0;
+  char name[32];
+  while (snprintf(name, sizeof(name), "slice-%05d.ts", last + 1) > 0 && fs::exists(File("s", name))) {
+    ++last;
+  }
+  // The next request finds no monitor, clears the cut segment away and
+  // starts a new run: what it serves is whole.
+  const std::string cut = Segment("s", last);
+  EXPECT_TRUE(WholeSegment(cut, last, 5)) << "segment " << last << ": " << cut;
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
+  EXPECT_EQ(CutSegments("s"), "");
   CloseAndRecord("s", "`kill -9` of the monitor",
-                 "its transcoder ends with it; later requests, near and far, are served");
+                 "its transcoder ends with it, leaving segment " + std::to_string(last) +
+                     " cut short; the next request for it clears it and is served the whole "
+                     "segment, a far one too");
 }
 
 TEST_F(FaultTest, TranscoderKilled) {
@@ -124,7 +150,7 @@ TEST_F(FaultTest, TranscoderKilled) {
   ASSERT_EQ(kill(transcoders[0], SIGKILL), 0);
   // The monitor sees its run end, unregisters it, clears what it cut short.
   EXPECT_TRUE(orvotest::Ends(monitor, 10000));
-  EXPECT_TRUE(orvotest::RegistryPids().empty());
+  EXPECT_FALSE(orvotest::Registered(transcoders[0]));
   EXPECT_EQ(CutSegments("s"), "");
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
   CloseAndRecord("s", "`kill -9` of the transcoder",
@@ -225,7 +251,7 @@ TEST_F(FaultTest, DataVolumeFillsUpWhileSegmentsAreWritten) {
       ++refused;
       EXPECT_LT(seconds, 10) << "segment " << fragment << " was waited for";
     } else {
-      EXPECT_TRUE(orvotest::CompleteSegment(path)) << "segment " << fragment << ": " << path;
+      EXPECT_TRUE(WholeSegment(path, fragment, 8)) << "segment " << fragment << ": " << path;
       EXPECT_EQ(refused, 0) << "segment " << fragment << " served after a refusal";
       ++served;
     }
@@ -234,7 +260,7 @@ TEST_F(FaultTest, DataVolumeFillsUpWhileSegmentsAreWritten) {
   EXPECT_GT(refused, 0) << "the volume never filled up";
   // Once its run has ended, the monitor has cleared away what it cut short.
   EXPECT_TRUE(orvotest::Ends(MonitorPid("full"), 20000));
-  EXPECT_EQ(CutSegments("full"), "");
+  EXPECT_EQ(CutSegments("full", 8), "");
   const bool closed = Close("full");
   EXPECT_TRUE(closed);
   const std::string left = Leftovers();
@@ -246,6 +272,80 @@ TEST_F(FaultTest, DataVolumeFillsUpWhileSegmentsAreWritten) {
                std::to_string(served) + " whole segments served, then " + std::to_string(refused) +
                    " requests refused at once; no cut segment left; after close nothing left, "
                    "registry valid, next stream plays");
+  }
+}
+
+// Sessions nobody will use again: an open whose probe failed, one opened and
+// never streamed for a quarter of an hour, a volume directory no link
+// points to, and a close racing a transcoder that goes on writing (through
+// the session's link, and straight into its volume directory).
+TEST_F(FaultTest, SessionsNobodyUsesAreRemoved) {
+  const std::string links = Root().At(std::string(librh::machine::kTempRoot) + "/HLS");
+  const std::string volume = Root().At("/volume1/@tmp/Reelhall/HLS");
+  const auto names = [](const std::string& dir) {
+    std::set<std::string> found;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(dir, error)) {
+      found.insert(entry.path().filename().string());
+    }
+    return found;
+  };
+  const auto age = [](const std::string& id) {
+    const time_t then = time(nullptr) - 1000;
+    const struct timespec times[2] = {{then, 0}, {then, 0}};
+    const std::string link = orvotest::SessionPath("HLS", id);
+    utimensat(AT_FDCWD, link.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    utimensat(AT_FDCWD, fs::read_symlink(link).c_str(), times, 0);
+  };
+  const std::set<std::string> none;
+
+  EXPECT_EQ(orvotest::TextFromChild([] {
+              return orvotest::CreateSession(orvotest::Media::kNotMedia, "HLS", "hls.json",
+                                             "hls_remux_h264_aac_ab128", "bad");
+            }),
+            "");
+  EXPECT_EQ(names(links), none) << "a failed open";
+  EXPECT_EQ(names(volume), none) << "a failed open";
+
+  ASSERT_EQ(Open("idle", "remux"), "ok");
+  age("idle");
+  fs::create_directories(volume + "/orphan/smooth");
+  EXPECT_EQ(orvotest::RunQuietly({ORVOTEST_VTETOOL, "sweep"}, 30), 0);
+  EXPECT_EQ(names(links), none) << "vtetool sweep";
+  EXPECT_EQ(names(volume), none) << "vtetool sweep";
+  // The next open sweeps too.
+  ASSERT_EQ(Open("idle", "remux"), "ok");
+  age("idle");
+  ASSERT_EQ(Open("w", "remux"), "ok");
+  EXPECT_EQ(names(links), std::set<std::string>{"w"}) << "the next open";
+
+  const std::string link = orvotest::SessionPath("HLS", "w");
+  const std::string target = fs::read_symlink(link);
+  std::vector<pid_t> writers;
+  for (const std::string& dir : {link, target}) {
+    writers.push_back(orvotest::StartChild([dir] {
+      for (int n = 0; n < 100000; ++n) {
+        const std::string file = dir + "/slice-" + std::to_string(n) + ".ts";
+        const int fd = open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+        if (fd < 0) return 0;
+        close(fd);
+      }
+      return 1;
+    }));
+  }
+  usleep(100 * 1000);
+  EXPECT_TRUE(Close("w"));
+  for (pid_t writer : writers) EXPECT_EQ(orvotest::WaitForChild(writer, 60), 0);
+  EXPECT_EQ(names(links), none) << "a close racing writes";
+  EXPECT_EQ(names(volume), none) << "a close racing writes";
+  EXPECT_EQ(Leftovers(), "");
+  if (!HasFailure()) {
+    HostileRow("fault",
+               "sessions nobody uses: an open whose probe fails, one never streamed for 15 "
+               "minutes, a volume directory no link points to, a close racing a writer",
+               "the failed open leaves nothing; `vtetool sweep`, and the next open, remove "
+               "the idle session and the orphan; the close leaves nothing and the writers "
+               "stop");
   }
 }
 

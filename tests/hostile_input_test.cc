@@ -1,20 +1,28 @@
 // Client-controlled ids and query values that try to leave the session
 // directory or break a playlist or manifest line. Every case records what it
 // tried in the hostile-input table.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "platform/machine_root.h"
+#include "platform/olibc.h"
 #include "tests/support/child.h"
 #include "tests/support/hostile_table.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
+#include "vte/http_stream.h"
 #include "vte/smooth_stream.h"
 
 namespace LibOrvoVTE {
@@ -62,7 +70,8 @@ class HostileInputTest : public orvotest::MachineRootTest {
 TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhere) {
   PlantVictims();
   const std::vector<std::string> ids = {"../victim", "../../victim", "/victim", "a/b", ".", "..",
-                                        "", "  \t ", "id\nx", "id\rx", "id\x1b", "id\x7f"};
+                                        "", "  \t ", "id\nx", "id\rx", "id\x1b", "id\x7f",
+                                        std::string("id\0/../../victim", 16)};
   for (const std::string& id : ids) {
     for (const std::string type : {"HLS", "SS"}) {
       // Every entry point: session creation, then a stream object of the id
@@ -129,6 +138,120 @@ TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
   }
 }
 
+// HLS fragment ids beyond any video, negative, or with a NUL, and a
+// subtitle id with a NUL that would end the playlist's file name early.
+TEST_F(HostileInputTest, HlsIdsOutOfRangeOrWithANulAreRefused) {
+  Json::Value params;
+  params["url"] = "/api/stream";
+  params["format"] = "hls";
+  ASSERT_EQ(Open("HLS", "hlsid", params), "ok");
+  const std::string pid = orvotest::SessionPath("HLS", "hlsid", "monitor.pid");
+  std::ofstream(pid) << "4242";
+  std::ofstream(orvotest::SessionPath("HLS", "hlsid", "subtitle.m3u8.tpl")) << "#EXTM3U\n";
+  for (const std::string& id : {std::string("99999999999999999999"), std::string("4294967297"),
+                               std::string("-5"), std::string("1\0/../../x", 10)}) {
+    const std::string result = orvotest::TextFromChild([&] {
+      HttpLiveStream stream("hlsid");
+      return std::to_string(stream.CalculateSeekTime(id)) + " " +
+             std::to_string(stream.Transcoding(id)) + " \"" + stream.ReadFragment(id) + "\"";
+    });
+    EXPECT_EQ(result, "-1 0 \"\"") << Printable(id);
+    if (result == "-1 0 \"\"") {
+      HostileRow("HLS fragment id", "`" + Printable(id) + "`",
+                 "refused by Transcoding and ReadFragment; no seek time computed");
+    }
+  }
+  const std::string subtitle("monitor.pid\0", 12);
+  EXPECT_EQ(orvotest::TextFromChild(
+                [&] { return HttpLiveStream("hlsid").GetMainfest("subtitle", subtitle); }),
+            "");
+  EXPECT_EQ(Slurp(pid), "4242");
+  if (Slurp(pid) == "4242") {
+    HostileRow("subtitle id", "`" + Printable(subtitle) + "`",
+               "no playlist; \"monitor.pid\" untouched");
+  }
+}
+
+// Another local user plants sessions of its own in the shared trees: a link
+// to a directory of someone else's, a link to a directory of its own shaped
+// like a session, a plain directory; each with a pid of a bystander. The
+// library, here running as root as the web API does, follows, removes,
+// writes into and signals from none of them, and that user can neither
+// remove nor replace the library's own sessions.
+TEST_F(HostileInputTest, SessionsPlantedByAnotherUserAreNeverFollowed) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to play another user";
+  PlantVictims();
+  Json::Value params;
+  params["url"] = "/api/stream";
+  params["format"] = "hls";
+  ASSERT_EQ(Open("HLS", "mine", params), "ok");
+  ASSERT_EQ(orvotest::TextFromChild([] {
+              return orvotest::CreateSession(orvotest::Media::kH264AacMp4, "HTTP", "http.json",
+                                             "http_320x240_x264_vb256_mp3_ab64", "mine");
+            }),
+            "mine");
+  const pid_t bystander = orvotest::StartChild([] {
+    for (;;) pause();
+    return 0;
+  });
+  const std::string victim = Root().At("/victim");
+  const std::string own = Root().At("/volume1/@tmp/Reelhall/HLS/own");
+  const std::string hls = orvotest::SessionPath("HLS", "");
+  const int planted = orvotest::RunInChild([&] {
+    if (!orvotest::DropToUnprivilegedUser()) return 1;
+    const std::string pidText = std::to_string(bystander);
+    for (const std::string& dir : {own, orvotest::SessionPath("HTTP", "own")}) {
+      if (mkdir(dir.c_str(), 0777) != 0) return 2;
+      std::ofstream(dir + "/monitor.pid") << pidText;
+    }
+    if (symlink(victim.c_str(), (hls + "victim").c_str()) != 0 ||
+        symlink(own.c_str(), (hls + "own").c_str()) != 0) {
+      return 3;
+    }
+    for (const std::string type : {"HLS", "HTTP"}) {
+      const std::string mine = orvotest::SessionPath(type, "mine");
+      if (unlink(mine.c_str()) == 0 || rename(mine.c_str(), (mine + "2").c_str()) == 0) return 4;
+    }
+    return 0;
+  });
+  EXPECT_EQ(planted, 0) << "2, 3: cannot plant; 4: removed or replaced the library's session";
+  for (const std::string id : {"victim", "own"}) {
+    orvotest::RunInChild([&] {
+      HttpLiveStream stream(id);
+      stream.Transcoding("0");
+      stream.ReadFragment("0");
+      stream.GetMainfest("video", "");
+      stream.Close();
+      SmoothStream(id).Close();
+      return 0;
+    });
+  }
+  orvotest::RunInChild([] { return HttpStream("own").Close() ? 0 : 1; });
+  std::set<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(victim)) {
+    left.insert(entry.path().filename().string());
+  }
+  EXPECT_EQ(left, std::set<std::string>{"keep"});
+  EXPECT_TRUE(VictimsIntact());
+  EXPECT_TRUE(OLIBCProcAlive(bystander));
+  EXPECT_TRUE(orvotest::Exists(hls + "victim") && orvotest::Exists(hls + "own"));
+  for (const std::string& dir :
+       {hls, orvotest::SessionPath("HTTP", ""), Root().At("/volume1/@tmp/Reelhall/HLS/")}) {
+    struct stat info;
+    EXPECT_TRUE(stat(dir.c_str(), &info) == 0 && (info.st_mode & 01777) == 01777) << dir;
+  }
+  kill(bystander, SIGKILL);
+  orvotest::WaitForChild(bystander, 5);
+  if (!HasFailure()) {
+    HostileRow("planted session (another user)",
+               "links to a victim's directory and to a session-shaped directory of its own, a "
+               "plain \"HTTP\" directory, each with a bystander's pid; then close, stream, "
+               "playlist as root",
+               "nothing followed, written, removed or signalled; the type directories are "
+               "sticky, the library's own sessions cannot be removed or replaced");
+  }
+}
+
 TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
   struct Case {
     std::string type, key, value;
@@ -173,6 +296,8 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
       EXPECT_TRUE(Slurp(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
     }
     HostileRow("query value (" + c.type + ")", "`" + c.key + "=" + Printable(c.value) + "`", outcome);
+    // An open Smooth session (a transcode) holds the machine's one place.
+    if (c.type == "SS") orvotest::RunInChild([&] { return SmoothStream(id).Close() ? 0 : 1; });
   }
 
   Json::Value subtitle;

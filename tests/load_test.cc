@@ -8,7 +8,9 @@
 
 #include <fcntl.h>
 
+#include <ctime>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -19,6 +21,8 @@
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
 #include "vte/http_live_stream.h"
+#include "vte/utils/md5.h"
+#include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -46,20 +50,82 @@ long ResidentKb() {
 
 using LoadTest = orvotest::PlaybackTest;
 
-// A generic box runs one software transcoder: while one plays, the next
-// transcode session is refused, and remux sessions still open.
-TEST_F(LoadTest, TranscodesBeyondTheLimitAreRefused) {
-  ASSERT_EQ(Open("t0", "slow"), "ok");
-  ASSERT_TRUE(orvotest::CompleteSegment(Segment("t0", 0)));
-  EXPECT_EQ(orvotest::RegistryPids().size(), 1u) << "the running transcoder is registered";
-  EXPECT_EQ(Open("t1", "slow"), "TransEnable");
-  EXPECT_EQ(Open("t2", "paced"), "TransEnable");
+// A generic box runs one software transcoder. Of four transcode opens at
+// once one is admitted, and plays; the others are refused at open, and so
+// is a later one while it lasts, while remux sessions still open. A request
+// waiting for one of its segments gives up as soon as it is closed, and the
+// place is free again.
+TEST_F(LoadTest, TranscodeSessionsAreAdmittedOnceAtOpen) {
+  std::vector<Request> opens;
+  for (int i = 0; i < 4; ++i) opens.push_back(StartOpen("t" + std::to_string(i), "slow"));
+  std::vector<std::string> admitted;
+  int refused = 0;
+  for (int i = 0; i < 4; ++i) {
+    const std::string answer = FinishRequest(opens[i], 60);
+    if (answer == "ok") admitted.push_back("t" + std::to_string(i));
+    refused += answer == "TransEnable" ? 1 : 0;
+  }
+  ASSERT_EQ(admitted.size(), 1u);
+  EXPECT_EQ(refused, 3);
+  const std::string& id = admitted[0];
+  EXPECT_TRUE(orvotest::CompleteSegment(Segment(id, 0)));
+  EXPECT_EQ(Open("t4", "paced"), "TransEnable");
   EXPECT_EQ(Open("r0", "remux"), "ok");
-  for (const std::string id : {"t0", "t1", "t2", "r0"}) Close(id);
+
+  // Far ahead: a new run starts there, seconds from writing it.
+  const pid_t waiting = StartSegment(id, 15);
+  ASSERT_TRUE(orvotest::WaitUntil([&] { return ReadFile(File(id, "seek_time")) == "15"; }, 10000));
+  EXPECT_TRUE(Close(id));
+  EXPECT_EQ(orvotest::WaitForChild(waiting, 5), 1) << "the request waited on after the close";
+  EXPECT_EQ(Open("t5", "paced"), "ok");
+  for (const std::string id : {"t5", "r0"}) Close(id);
   EXPECT_EQ(Leftovers(15), "");
   if (!HasFailure()) {
-    orvotest::HostileRow("load", "transcode sessions beyond the limit of one",
-                         "refused with TransEnable while a transcode runs; remux still opens");
+    orvotest::HostileRow("load", "4 transcode opens at once, one transcoder allowed",
+                         "1 admitted and served, 3 refused with TransEnable at open, as is a 5th "
+                         "while it plays; remux still opens; its waiting request gives up at "
+                         "close, then the next open is admitted");
+  }
+}
+
+// Ten opens of one file at once, as ten viewers starting the same video:
+// ten sessions of their own, none refused for want of space, and none
+// numbered as seeding rand() with the clock would have numbered it. Ten
+// opens under one caller's id all get it.
+TEST_F(LoadTest, OpensOfOneFileAtOnceEachGetTheirSession) {
+  const std::string media = orvotest::TestMedia(orvotest::Media::kH264AacMp4);
+  const std::string profiles = std::string(ORVOVTE_SAMPLE_PROFILES) + "/hls.json";
+  const auto openAll = [&](const Json::Value& params) {
+    std::vector<Request> opens;
+    for (int i = 0; i < 10; ++i) {
+      opens.push_back(StartRequest([&] {
+        return VTEStream::VTE_Init(media, "HLS", params, profiles, "hls_remux_h264_aac_ab128",
+                                   "browser", 0);
+      }));
+    }
+    std::set<std::string> ids;
+    for (Request& open : opens) ids.insert(FinishRequest(open, 60));
+    return ids;
+  };
+  const time_t now = time(nullptr);
+  const std::set<std::string> drawn = openAll(Json::Value());
+  EXPECT_EQ(drawn.size(), 10u);
+  const std::string digest = LibReelhall::GetMD5(media);
+  for (const std::string& id : drawn) {
+    EXPECT_EQ(id.rfind(digest + "_", 0), 0u) << id;
+    EXPECT_TRUE(orvotest::Exists(orvotest::SessionPath("HLS", id, "video_metadata"))) << id;
+  }
+  for (time_t seed = now - 600; seed <= now + 60; ++seed) {
+    srand(static_cast<unsigned int>(seed));
+    EXPECT_EQ(drawn.count(digest + "_" + std::to_string(rand())), 0u) << "seed " << seed;
+  }
+  Json::Value shared;
+  shared["stream_id"] = "shared";
+  EXPECT_EQ(openAll(shared), std::set<std::string>{"shared"});
+  if (!HasFailure()) {
+    orvotest::HostileRow("load", "10 opens of one file at once; 10 more with one `stream_id`",
+                         "10 sessions of their own, no id a clock-seeded rand() gives; all 10 "
+                         "get the shared one; none refused for space");
   }
 }
 

@@ -8,6 +8,8 @@
 
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "vte/session_tree.h"
+#include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -88,10 +90,7 @@ std::string AdaptStream::GetStreamURL(const Json::Value& params) const {
     appendString("sharing_id");
     // A line break or other control character in a client's value would end
     // the playlist or manifest line early and smuggle in lines of its own.
-    for (const char c : text) {
-      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "";
-    }
-    return text;
+    return HasControlCharacter(text) ? "" : text;
   } catch (const std::exception&) {
     return "";
   }
@@ -100,15 +99,22 @@ std::string AdaptStream::GetStreamURL(const Json::Value& params) const {
 bool AdaptStream::SeekingHandler() const {
   if (streamId_.empty() || type_.empty()) return false;
   SaveMonitorPid(0, true);
-  const std::string session = GetVTEFileFullPath("");
+  // The volume directory itself, found the checked way: find then follows
+  // no link, neither the session's nor one planted among its files.
+  const session::Entry entry = session::Inspect(type_, streamId_);
+  if (!session::Usable(entry) || entry.dir.empty()) return false;
   const char* pattern = type_ == kHlsFormat ? "slice*" : "smooth";
-  // -L: the session directory is a link to the volume holding the files.
   // -prune: find must not descend into a directory it has just removed,
   // which it would report as a failure.
-  const char* const argv[] = {kFindProgram, "-L",    session.c_str(), "-name",
-                              pattern,      "-prune", "-exec",        kRemoveProgram,
-                              "-rf",        "{}",    ";",             nullptr};
+  const char* const argv[] = {kFindProgram, entry.dir.c_str(), "-name", pattern,      "-prune",
+                              "-exec",      kRemoveProgram,    "-rf",   "{}",         ";",
+                              nullptr};
   return OLIBCExecv(kFindProgram, argv, 1) == 0;
+}
+
+bool AdaptStream::IsClosed() const {
+  const session::Entry entry = session::Inspect(type_, streamId_);
+  return entry.kind != session::Entry::kMade || entry.dir.empty();
 }
 
 bool AdaptStream::VTEIsTimeout(unsigned long seconds) const {

@@ -43,12 +43,18 @@ class AdaptStream : public VTEStream {
   // Whether no client has touched the session ("access_status") for at
   // least `seconds`. A session never accessed never times out.
   bool VTEIsTimeout(unsigned long seconds) const;
+  // Whether the session is gone (closed, or swept away): nothing a request
+  // waits for will come.
+  bool IsClosed() const;
 
   // Restarts take turns: a request restarting the stream holds the start
   // lock until the monitor it forks has recorded itself. A descriptor
   // holding it, or -1 when another restart kept it for a whole fragment
   // wait; while any copy of it is open, a start is pending.
   int TakeStartLock() const;
+  // The lock, taken at once, when a restart once took it and none is
+  // pending now; -1 otherwise.
+  int TryStartLock() const;
   // Whether a restart once took the lock and none is pending now.
   bool IsStartLockFree() const;
   // Whether `fragmentFile` is missing and no monitor runs to write it.

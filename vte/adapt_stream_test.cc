@@ -88,9 +88,8 @@ TEST_F(AdaptStreamTest, StreamUrlCarriesTheOptionalKeysOfTheRightType) {
 }
 
 TEST_F(AdaptStreamTest, IdleTimeCountsFromTheLastAccess) {
+  const std::string dir = orvotest::MakeSession("HLS", "s1");
   BareStream stream("s1", "HLS");
-  const std::string dir = stream.GetVTEFileFullPath("");
-  fs::create_directories(dir);
   // Never accessed: never idle, however long.
   EXPECT_FALSE(stream.VTEIsTimeout(0));
 
@@ -109,13 +108,10 @@ TEST_F(AdaptStreamTest, IdleTimeCountsFromTheLastAccess) {
 
 TEST_F(AdaptStreamTest, SeekingStopsTheMonitorAndDeletesTheFragmentsThroughTheLink) {
   for (const char* format : {"HLS", "SS"}) {
+    const std::string link = orvotest::MakeSession(format, std::string("s-") + format);
     BareStream stream(std::string("s-") + format, format);
-    // As sessions are: a link into a volume.
-    const std::string target = Root().Path() + "/volume1/@tmp/" + format;
+    const std::string target = fs::read_symlink(link);
     fs::create_directories(target + "/smooth/QualityLevels(300000)");
-    const std::string link = stream.GetVTEFileFullPath("");
-    fs::create_directories(fs::path(link).parent_path());
-    fs::create_directory_symlink(target, link);
     for (const char* name : {"slice-00000.ts", "slice-00001.ts", "seek_time", "video.m3u8",
                              "smooth/QualityLevels(300000)/Fragments(video=0)"}) {
       std::ofstream(target + "/" + name) << "x";

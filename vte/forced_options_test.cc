@@ -8,6 +8,7 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
 #include "vte/liborvovte.h"
 
 namespace LibOrvoVTE {
@@ -37,6 +38,7 @@ std::string Join(const std::vector<std::string>& words) {
 void WriteSession(const orvotest::MachineRoot& root, const std::string& id, int sar, int rotate,
                   const std::string& profile) {
   const std::string sarText = std::to_string(sar);
+  orvotest::MakeSession("HLS", id);
   root.WriteFile("/tmp/Reelhall/HLS/" + id + "/video_metadata",
                  R"({"container_type":"matroska,webm","profile_value":")" + profile +
                      R"(","track_info":{"video":[{"id":"0","track":"0","codec":"h264",)"

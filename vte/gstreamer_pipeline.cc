@@ -147,7 +147,7 @@ bool VTEStream::ExecuteGstreamerTranscoding(long seekSeconds, const std::vector<
     }
     const std::vector<std::string> argv = transcoder::GstreamerArguments(parts);
 
-    if (!remux_ && !transcoder::Register(hardware_)) return false;
+    if (!remux_ && !transcoder::Register(hardware_, type_ + "/" + streamId_)) return false;
     std::vector<int> passed;
     for (const std::string& word : sink) passed.push_back(transcoder::PassedDescriptor(word, "fd="));
     return transcoder::ExecAsRoot("Execute GStreamer", argv, passed);

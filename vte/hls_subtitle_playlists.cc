@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "subtitle/subtitle.h"
+#include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace hls {
@@ -56,10 +57,7 @@ std::string SubtitleURLTemplate(const Json::Value& subtitleParams) {
   }
   // The template becomes playlist lines: a control character in a client's
   // value must not split one.
-  for (const char c : url) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "";
-  }
-  return url;
+  return HasControlCharacter(url) ? "" : url;
 }
 
 std::string SubtitlePlaylistTemplate(const std::string& urlTemplate, unsigned int durationSeconds,
@@ -97,7 +95,9 @@ std::string SubtitlePlaylist(const std::string& templateText, const std::string&
 }
 
 std::string SubtitlePlaylistName(const std::string& subtitleId) {
-  if (subtitleId.empty() || subtitleId.back() == '/') return "";
+  // A NUL would end the file name before ".subtitle.m3u8", and the playlist
+  // would overwrite whatever session file the id names.
+  if (subtitleId.empty() || subtitleId.back() == '/' || HasControlCharacter(subtitleId)) return "";
   const size_t slash = subtitleId.rfind('/');
   return (slash == std::string::npos ? subtitleId : subtitleId.substr(slash + 1)) +
          ".subtitle.m3u8";

@@ -35,7 +35,8 @@ std::string SubtitlePlaylist(const std::string& templateText, const std::string&
 
 // The file name of a subtitle's concrete playlist: the id's last path
 // component + ".subtitle.m3u8", so a client's id never names a place outside
-// the session directory. "" for an empty id or one ending in "/".
+// the session directory. "" for an empty id, one ending in "/", or one with
+// a control character (NUL included).
 std::string SubtitlePlaylistName(const std::string& subtitleId);
 
 // Three letters, as in "eng" or "CHI".

@@ -112,15 +112,18 @@ bool HttpLiveStream::EnableHLSHeader() {
 }
 
 long HttpLiveStream::CalculateSeekTime(const std::string& fragmentId) const {
-  return SegmentLength() * strtol(fragmentId.c_str(), nullptr, 10);
+  int fragment = 0;
+  return ParseFragment(fragmentId, &fragment) ? static_cast<long>(SegmentLength()) * fragment : -1;
 }
 
 bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
-  if (streamId_.empty() || type_.empty() || profileArgs_.empty() || fragmentId.empty()) {
+  int fragment = 0;
+  if (streamId_.empty() || type_.empty() || profileArgs_.empty() || fragmentId.empty() ||
+      !ParseFragment(fragmentId, &fragment)) {
     return false;
   }
-  const std::string segment =
-      GetSegmentTsPath(static_cast<int>(strtol(fragmentId.c_str(), nullptr, 10)));
+  ClearCutSegments();
+  const std::string segment = GetSegmentTsPath(fragment);
   const bool needed = IsTransAndSegNeedToRestart(fragmentId);
   const bool remuxSeek = !needed && IsHLSRemuxSeek(fragmentId);
   if (!needed && !remuxSeek && !IsStartAbandoned(segment)) return true;
@@ -317,7 +320,19 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   // A transcoder killed, or starved by a full volume, leaves its last
   // segments cut short: they go, so that a later request starts a new run
   // instead of getting them.
-  RemoveCutSegments(static_cast<int>(strtol(fragmentId.c_str(), nullptr, 10)));
+  int fragment = 0;
+  if (ParseFragment(fragmentId, &fragment)) RemoveCutSegments(fragment);
+}
+
+void HttpLiveStream::ClearCutSegments() const {
+  // A monitor killed before it could clear up leaves its run's last segment
+  // cut short, and the transcoder that wrote it has ended by now.
+  if (IsFFmpegRun()) return;
+  const int turn = TryStartLock();
+  if (turn < 0) return;
+  // Under the start lock no new run can begin writing meanwhile.
+  if (!IsFFmpegRun()) RemoveCutSegments(RunStart());
+  close(turn);
 }
 
 bool HttpLiveStream::ExecuteSegmenter(int readFd, int startNumber) {

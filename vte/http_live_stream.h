@@ -11,6 +11,7 @@
 //   "request_fragment_id"   the previous request's segment (remux seeks)
 //   "request_sequence"      the newest restarting request's token
 //   "audio_format"          the client's audio format ("mp3", "aac", ...)
+//   "segments.csv"          the segments the transcoder has finished
 #pragma once
 
 #include <json/json.h>
@@ -55,7 +56,8 @@ class HttpLiveStream : public AdaptStream {
   // transcoder. "" on failure.
   std::string ReadFragment(const std::string& fragmentId) override;
 
-  // The media time (seconds) at which segment `fragmentId` starts.
+  // The media time (seconds) at which segment `fragmentId` starts; -1 for
+  // an id ParseFragment refuses.
   long CalculateSeekTime(const std::string& fragmentId) const;
   // The ffmpeg options of a run starting at `fragmentId`: the profile's,
   // with the audio and size fitted, and the segmenting options. Empty when
@@ -91,11 +93,22 @@ class HttpLiveStream : public AdaptStream {
 
   // Segments and seeking.
   std::string GetSegmentTsPath(int fragment) const;
-  // Whether the segment file exists and holds nothing but whole packets.
+  // The segment number of a fragment id, as strtol reads it (text that is
+  // no number is segment 0). False for an id with a control character (NUL
+  // included), or a negative or absurdly large number.
+  static bool ParseFragment(const std::string& fragmentId, int* fragment);
+  // Whether the transcoder has finished the segment: it lists it with the
+  // segment's full length (or up to the end of the video), and the file
+  // holds whole packets.
   bool SegmentIsWhole(int fragment) const;
   // Removes, from `from` on, the first segment that is not whole and every
   // one after it: what a run wrote once it was killed or its volume full.
   void RemoveCutSegments(int from) const;
+  // The segment the current run started at ("seek_time"), 0 when unknown.
+  int RunStart() const;
+  // RemoveCutSegments of the last run, when it has ended and no new one is
+  // being started.
+  void ClearCutSegments() const;
   bool IsTransAndSegNeedToRestart(const std::string& fragmentId) const;
   bool IsHLSRemuxSeek(const std::string& fragmentId) const;
   bool VerifyFragmentIsReady(const std::string& fragmentId) const;

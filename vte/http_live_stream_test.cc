@@ -160,7 +160,10 @@ class SegmentStateTest : public HttpLiveStreamTest {
       if (entry.path().filename() != "video_metadata") fs::remove(entry.path());
     }
     if (!seekTime.empty()) std::ofstream(dir_ + "/seek_time") << seekTime;
-    for (int segment : segments) std::ofstream(stream_->GetSegmentTsPath(segment)) << "ts";
+    // Whole transport-stream packets.
+    for (int segment : segments) {
+      std::ofstream(stream_->GetSegmentTsPath(segment)) << std::string(2 * 188, 'G');
+    }
     if (running) {
       monitor_ = orvotest::StartChild([] {
         for (;;) pause();
@@ -262,30 +265,52 @@ TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   }
 }
 
-TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheNextOneExistsOrTheRunEnded) {
-  dir_ = Session("s", Media::kH264AacMp4, kEncode);
+// Complete once the transcoder has listed it with its full length, the last
+// segment of the video with what is left of it; a run stopped by a signal
+// lists its last segment cut short, one killed does not list it.
+TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheTranscoderListsItWhole) {
+  Json::Value doc = orvotest::SessionDocument(Media::kH264AacMp4, kEncode);
+  doc["duration"] = 12;
+  dir_ = orvotest::WriteSession("HLS", "s", doc);
   stream_ = std::make_unique<HttpLiveStream>("s");
   const struct {
-    std::set<int> segments;
-    bool running;
+    const char* list;
     const char* request;
     bool ready;
   } cases[] = {
-      {{}, false, "3", false},
-      {{3}, true, "3", false},
-      {{3, 4}, true, "00003", true},
-      {{3}, false, "3", true},
-      {{4}, false, "3", false},
+      {"slice-00001.ts,5.000000,10.000000\n", "00001", true},
+      {"slice-00001.ts,5.021333,10.000000\n", "1", true},
+      {"slice-00001.ts,5.000000,7.200000\n", "1", false},
+      {"slice-00001.ts,5.000000,10.000000", "1", false},
+      {"slice-00000.ts,0.000000,5.000000\n", "1", false},
+      {"slice-00001.ts,5.000000,10.000000\nslice-00001.ts,0.000000,2.200000\n", "1", false},
+      {"slice-00002.ts,10.000000,12.040000\n", "2", true},
+      {"slice-00002.ts,10.000000,11.000000\n", "2", false},
+      {"", "1", false},
   };
   for (const auto& c : cases) {
-    Prepare("", c.segments, c.running);
-    EXPECT_EQ(stream_->VerifyFragmentIsReady(c.request), c.ready)
-        << "request " << c.request << ", running " << c.running << ", "
-        << c.segments.size() << " segments";
+    Prepare("", {1, 2}, false);
+    std::ofstream(dir_ + "/segments.csv") << c.list;
+    EXPECT_EQ(stream_->VerifyFragmentIsReady(c.request), c.ready) << c.list << " " << c.request;
   }
-  // The run ended at segment 3: served at once, with no wait.
-  Prepare("", {3}, false);
-  EXPECT_EQ(stream_->ReadFragment("3"), dir_ + "/slice-00003.ts");
+  // Listed whole, but a full volume tore its last packet.
+  std::ofstream(stream_->GetSegmentTsPath(1), std::ios::app) << "G";
+  std::ofstream(dir_ + "/segments.csv") << "slice-00001.ts,5.000000,10.000000\n";
+  EXPECT_FALSE(stream_->VerifyFragmentIsReady("1"));
+
+  // Served at once when whole; with no run left and none on its way, the
+  // request for a cut one gives up at once.
+  Prepare("1", {1, 2}, false);
+  std::ofstream(dir_ + "/segments.csv") << "slice-00001.ts,5.0,10.0\nslice-00002.ts,10.0,10.5\n";
+  std::ofstream(dir_ + "/start_lock").flush();
+  EXPECT_EQ(stream_->ReadFragment("1"), dir_ + "/slice-00001.ts");
+  const time_t start = time(nullptr);
+  EXPECT_EQ(stream_->ReadFragment("2"), "");
+  EXPECT_LT(time(nullptr) - start, 5);
+  // Left cut by a monitor that died: the next request clears it away.
+  stream_->ClearCutSegments();
+  EXPECT_TRUE(fs::exists(stream_->GetSegmentTsPath(1)));
+  EXPECT_FALSE(fs::exists(stream_->GetSegmentTsPath(2)));
 }
 
 TEST_F(HttpLiveStreamTest, OnlyRemuxedMp4SourcesRestartOnAJump) {

@@ -13,14 +13,12 @@
 
 #include "platform/log.h"
 #include "platform/machine_root.h"
-#include "platform/olibc.h"
+#include "vte/session_tree.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace {
-
-using librh::machine::kRemoveProgram;
 
 constexpr char kLogTag[] = "http_stream";
 
@@ -272,8 +270,7 @@ bool HttpStream::Close() {
         registry.RemoveTransPIDLock(pid);
       }
       // Also after a failed Init, which leaves an "HTTP" directory behind.
-      const std::string dir = GetVTEFileFullPath("");
-      if (!dir.empty()) OLIBCExec(kRemoveProgram, "-rf", dir.c_str(), nullptr, nullptr);
+      if (!GetVTEFileFullPath("").empty()) session::Remove(type_, streamId_);
       closed = true;
     }
   } catch (const std::exception&) {

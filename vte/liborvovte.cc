@@ -1,10 +1,10 @@
 #include "vte/liborvovte.h"
 
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <cerrno>
 
 #include "decisions/platform_utils.h"
 #include "platform/log.h"
@@ -12,7 +12,10 @@
 #include "platform/olibc.h"
 #include "platform/orvofs.h"
 #include "platform/volume.h"
+#include "vte/session_sweep.h"
+#include "vte/session_tree.h"
 #include "vte/utils/md5.h"
+#include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -32,9 +35,13 @@ constexpr int kErrVolumeReadOnly = 0x2900;
 constexpr int kErrNoVolume = 0x8300;
 constexpr int kErrVolumeFull = 0xDD00;
 
-std::string TypeDir(const std::string& type) {
-  return librh::machine::Resolve(librh::machine::kTempRoot) + "/" + type;
-}
+// Session directories are reached by other users' processes.
+constexpr mode_t kSessionMode = 0777;
+// Ids drawn at random practically never meet an existing session; a few
+// draws more cover the rare case.
+constexpr int kIdDraws = 8;
+
+using session::TypeDir;
 
 bool Contains(const std::string& text, const char* word) {
   return text.find(word) != std::string::npos;
@@ -45,16 +52,109 @@ bool Contains(const std::string& text, const char* word) {
 // keeps the session's files inside the session directory.
 bool IsSafeStreamId(const std::string& id) {
   if (id.find_first_not_of(" \t") == std::string::npos) return false;
-  if (id == "." || id == ".." || id.find('/') != std::string::npos) return false;
-  for (unsigned char c : id) {
-    if (c < 0x20 || c == 0x7f) return false;
-  }
-  return true;
+  return id != "." && id != ".." && id.find('/') == std::string::npos &&
+         !HasControlCharacter(id);
 }
 
 unsigned long long SpaceToAsk(const std::string& type, bool remux, unsigned long long needed) {
   if (type == "HLS" && remux) return needed != 0 ? needed : kRemuxHlsSpace;
   return kDefaultSpace;
+}
+
+// The id of a session the library names itself: the file's MD5, "_" and a
+// decimal number. The number comes from the kernel's random source, so that
+// neither the file's path nor the time tells it and two opens of one file
+// in the same second differ.
+std::string DrawId(const std::string& path) {
+  const std::string digest = LibReelhall::GetMD5(path);
+  if (digest.empty()) return "";
+  unsigned int number = 0;
+  ssize_t got;
+  do {
+    got = getrandom(&number, sizeof(number), 0);
+  } while (got < 0 && errno == EINTR);
+  if (got != static_cast<ssize_t>(sizeof(number))) return "";
+  // The range of the rand() numbers ids have always carried.
+  return digest + "_" + std::to_string(number & 0x7fffffffU);
+}
+
+// The session's directory on the volume chosen for `neededBytes`, without
+// creating anything; on a shortage the platform error slot tells why.
+bool PickVolumeDir(unsigned long long neededBytes, const std::string& type,
+                   const std::string& streamId, std::string& outDir) {
+  if (type.empty() || streamId.empty()) {
+    ORVO_LOG(LOG_ERR, "Bad parameter");
+    return false;
+  }
+  outDir.clear();
+  VolumeInfo volume{};
+  int status = -1;
+  const int found = VolumeAvailGet(neededBytes, &volume, &status, 0);
+  if (found == -1) {
+    ORVO_LOG(LOG_ERR, "VolumeAvailGet() failed!! orvoerr=[0x%04X]", OLIBCErrGet());
+    return false;
+  }
+  if (found == 0) {
+    if (status & kVolumeStatusReadOnly) {
+      OLIBCErrSet(kErrVolumeReadOnly);
+    } else if (!(status & kVolumeStatusFound)) {
+      OLIBCErrSet(kErrNoVolume);
+    } else {
+      OLIBCErrSet(kErrVolumeFull);
+    }
+    return false;
+  }
+  outDir = session::VolumeTypeDir(volume.mountPath, type) + "/" + streamId;
+  return true;
+}
+
+enum class Creation { kCreated, kTaken, kFailed };
+
+// Creates session `id`. `fresh` (an id the library drew): kTaken when
+// anything already stands at the session path or at its volume directory.
+// Otherwise a session of the library's own is reused and a stale link
+// replaced. The link comes before its volume directory, so that a volume
+// directory no link points to is always one to sweep away.
+Creation CreateSession(const std::string& id, const std::string& type,
+                       const std::string& profileFile, const std::string& profileName,
+                       unsigned long long neededBytes, bool fresh) {
+  if (id.empty() || type.empty() || profileFile.empty() || profileName.empty()) {
+    return Creation::kFailed;
+  }
+  const std::string typeDir = TypeDir(type);
+  if (!session::MakeTypeDir(typeDir)) return Creation::kFailed;
+  const std::string sessionDir = typeDir + "/" + id;
+
+  if (type == "HTTP") {
+    if (mkdir(sessionDir.c_str(), kSessionMode) == 0) {
+      return chmod(sessionDir.c_str(), kSessionMode) == 0 ? Creation::kCreated : Creation::kFailed;
+    }
+    if (errno != EEXIST) return Creation::kFailed;
+    if (fresh) return Creation::kTaken;
+    const session::Entry entry = session::Inspect(type, id);
+    return entry.kind == session::Entry::kMade && session::Usable(entry) ? Creation::kCreated
+                                                                           : Creation::kFailed;
+  }
+
+  const unsigned long long space =
+      SpaceToAsk(type, type == "HLS" && VTEStream::IsRemux(profileFile, profileName), neededBytes);
+  std::string volumeDir;
+  if (!PickVolumeDir(space, type, id, volumeDir)) {
+    ORVO_LOG(LOG_ERR, "There are not enough volume space for streaming %s. Need space [%llu bytes]",
+             type.c_str(), space);
+    return Creation::kFailed;
+  }
+  if (!session::MakeTypeDir(volumeDir.substr(0, volumeDir.rfind('/')))) return Creation::kFailed;
+  if (!session::CreateLink(type, id, volumeDir, fresh)) {
+    return fresh && errno == EEXIST ? Creation::kTaken : Creation::kFailed;
+  }
+  struct stat info;
+  const bool leftOver = fresh && lstat(volumeDir.c_str(), &info) == 0;
+  if (!leftOver && librh::critical::orvosdk::ORVOFSMkdirPReelhall(volumeDir, kSessionMode)) {
+    return Creation::kCreated;
+  }
+  unlink(sessionDir.c_str());
+  return leftOver ? Creation::kTaken : Creation::kFailed;
 }
 
 }  // namespace
@@ -65,26 +165,30 @@ std::string VTEStream::VTE_Init(const std::string& path, const std::string& type
                                 unsigned long long neededBytes) {
   if (path.empty() || type.empty() || profileFile.empty() || profileName.empty()) return "";
   try {
+    // Each new session is the occasion to clear away the abandoned ones.
+    SweepSessions(kAbandonedSeconds);
+    const bool named =
+        params.isObject() && params.isMember("stream_id") && params["stream_id"].isString();
     std::string id;
-    if (params.isObject() && params.isMember("stream_id") && params["stream_id"].isString()) {
+    Creation made = Creation::kTaken;
+    if (named) {
       id = params["stream_id"].asString();
       if (!IsSafeStreamId(id)) {
         ORVO_LOG(LOG_ERR, "Bad parameter");
         return "";
       }
-    } else {
-      const std::string digest = LibReelhall::GetMD5(path);
-      if (digest.empty()) return "";
-      srand(static_cast<unsigned int>(time(nullptr)));
-      char number[16];
-      snprintf(number, sizeof(number), "%d", rand());
-      id = digest + "_" + number;
+      made = CreateSession(id, type, profileFile, profileName, neededBytes, false);
     }
-    if (!CreateTmpDir(id, type, profileFile, profileName, neededBytes)) {
-      return kTransSpaceNotEnough;
+    for (int draw = 0; !named && made == Creation::kTaken && draw < kIdDraws; ++draw) {
+      id = DrawId(path);
+      if (id.empty()) return "";
+      made = CreateSession(id, type, profileFile, profileName, neededBytes, true);
     }
+    if (made != Creation::kCreated) return kTransSpaceNotEnough;
     if (!VTEMetaData::ParserMetaData(path, id, type, profileFile, profileName, device)) {
       ORVO_LOG(LOG_ERR, "VTEMetaData.ParserMetaData(%s, %s) failed", id.c_str(), type.c_str());
+      // Nobody will use or close a session whose id was never handed out.
+      session::Remove(type, id);
       return "";
     }
     return id;
@@ -93,8 +197,13 @@ std::string VTEStream::VTE_Init(const std::string& path, const std::string& type
   }
 }
 
+// A session another user planted, by a link or a directory of its own, is
+// never read (its profile would become the transcoder's command line) nor
+// written into: the stream then has no id, as for an id that is no name.
 VTEStream::VTEStream(const std::string& streamId, const std::string& type)
-    : streamId_(IsSafeStreamId(streamId) ? streamId : ""),
+    : streamId_(IsSafeStreamId(streamId) && session::Usable(session::Inspect(type, streamId))
+                    ? streamId
+                    : ""),
       type_(type),
       remux_(false),
       hardware_(false),
@@ -128,58 +237,25 @@ bool VTEStream::SetError(const std::string& code) {
 bool VTEStream::CreateTmpDir(const std::string& streamId, const std::string& type,
                              const std::string& profileFile, const std::string& profileName,
                              unsigned long long neededBytes) {
-  if (streamId.empty() || type.empty() || profileFile.empty() || profileName.empty()) {
-    return false;
-  }
-  const std::string typeDir = TypeDir(type);
-  if (!librh::critical::orvosdk::ORVOFSMkdirPReelhall(typeDir, 0777)) return false;
-
-  const std::string sessionDir = typeDir + "/" + streamId;
-  if (type == "HTTP") return librh::critical::orvosdk::ORVOFSMkdirPReelhall(sessionDir, 0777);
-
-  const unsigned long long space =
-      SpaceToAsk(type, type == "HLS" && IsRemux(profileFile, profileName), neededBytes);
-  std::string volumeDir;
-  if (!GetTmpDir(space, type, streamId, volumeDir)) {
-    ORVO_LOG(LOG_ERR, "There are not enough volume space for streaming %s. Need space [%llu bytes]",
-             type.c_str(), space);
-    return false;
-  }
-  // Whatever stands at the session path (a stale link, a file) gives way.
-  unlink(sessionDir.c_str());
-  return symlink(volumeDir.c_str(), sessionDir.c_str()) == 0;
+  return CreateSession(streamId, type, profileFile, profileName, neededBytes, false) ==
+         Creation::kCreated;
 }
 
 bool GetTmpDir(unsigned long long neededBytes, const std::string& type,
                const std::string& streamId, std::string& outDir) {
-  if (type.empty() || streamId.empty()) {
-    ORVO_LOG(LOG_ERR, "Bad parameter");
-    return false;
-  }
-  outDir.clear();
-  VolumeInfo volume{};
-  int status = -1;
-  const int found = VolumeAvailGet(neededBytes, &volume, &status, 0);
-  if (found == -1) {
-    ORVO_LOG(LOG_ERR, "VolumeAvailGet() failed!! orvoerr=[0x%04X]", OLIBCErrGet());
-    return false;
-  }
-  if (found == 0) {
-    if (status & kVolumeStatusReadOnly) {
-      OLIBCErrSet(kErrVolumeReadOnly);
-    } else if (!(status & kVolumeStatusFound)) {
-      OLIBCErrSet(kErrNoVolume);
-    } else {
-      OLIBCErrSet(kErrVolumeFull);
-    }
-    return false;
-  }
-  outDir = volume.mountPath + "/@tmp/Reelhall" + "/" + type + "/" + streamId;
-  return librh::critical::orvosdk::ORVOFSMkdirPReelhall(outDir, 0777);
+  return PickVolumeDir(neededBytes, type, streamId, outDir) &&
+         session::MakeTypeDir(outDir.substr(0, outDir.rfind('/'))) &&
+         librh::critical::orvosdk::ORVOFSMkdirPReelhall(outDir, kSessionMode);
 }
 
 std::string VTEStream::GetVTEFileFullPath(const std::string& name) const {
   if (type_.empty() || streamId_.empty()) return "";
+  // Asked again on every use: the session may have been closed since, and
+  // something else planted under its name.
+  const session::Entry entry = session::Inspect(type_, streamId_);
+  if (!session::Usable(entry) || (entry.kind == session::Entry::kMissing && !name.empty())) {
+    return "";
+  }
   std::string path = TypeDir(type_) + "/" + streamId_;
   if (!name.empty()) path += "/" + name;
   return path;

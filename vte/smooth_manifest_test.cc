@@ -250,6 +250,8 @@ TEST_F(SmoothInit, WritesTheManifestOrRemovesTheSession) {
             smooth::RenderManifest(2, "/api/stream?format=ss&amp;id=ss1&amp;token=t&quot;k",
                                    values));
   EXPECT_EQ(stream.GetMainfest(), stream.GetVTEFileFullPath("manifest_predict"));
+  // It holds the one transcoding place until it is closed.
+  EXPECT_TRUE(stream.Close());
 
   // A hardware profile where there is no hardware encoder (the software
   // list has no 1080 row), and a missing url: the session goes.

@@ -16,6 +16,7 @@
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "vte/session_tree.h"
 #include "vte/transcoder_process.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
@@ -100,14 +101,11 @@ bool IsPlainRelativePath(const std::string& fragmentId) {
 
 // The session directory as the transcoder must see it: the volume directory
 // the session link points to (the transcoder runs as root and writes there
-// directly), or "" when the link is broken.
-std::string FragmentOutput(const std::string& sessionDir) {
-  char target[4094];
-  const ssize_t length = readlink(sessionDir.c_str(), target, sizeof(target) - 1);
-  if (length <= 0) return "";
-  target[length] = '\0';
-  if (!VerifyFileExist(target, 0)) return "";
-  return std::string(target) + "/" + kFragmentDir;
+// directly), or "" when the link is broken or not the library's.
+std::string FragmentOutput(const std::string& type, const std::string& id) {
+  const session::Entry entry = session::Inspect(type, id);
+  if (!session::Usable(entry) || entry.dir.empty()) return "";
+  return entry.dir + "/" + kFragmentDir;
 }
 
 // Waits until the monitor has recorded itself (or died): its end of the
@@ -242,13 +240,15 @@ std::string SmoothStream::ReadFragment(const std::string& fragmentId) {
     return "";
   }
   for (int tries = 0; !VerifyFragmentIsReady(fragmentId, 0); ++tries) {
+    if (IsClosed()) return "";
     if (tries + 1 == kReadTries) {
       ORVO_LOG(LOG_ERR, "ReadFragment: timeout file[%s]", fragmentId.c_str());
       return "";
     }
     sleep(1);
   }
-  return GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
+  // Once the session is closed no fragment of it is served.
+  return IsClosed() ? "" : GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
 }
 
 bool SmoothStream::Transcoding(const std::string& fragmentId) {
@@ -348,7 +348,7 @@ void SmoothStream::ExecuteMointer(const std::string& fragmentId) {
   gPidSSFFMPEG = 0;
   const std::vector<std::string> arguments = CalculateFFmpegArgument();
   if (seekTime >= 0 && !arguments.empty()) {
-    const std::string output = FragmentOutput(GetVTEFileFullPath(""));
+    const std::string output = FragmentOutput(type_, streamId_);
     const std::string program = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
     const pid_t monitor = getpid();
     const pid_t pid = fork();

@@ -35,13 +35,20 @@ int AdaptStream::TakeStartLock() const {
   return -1;
 }
 
-bool AdaptStream::IsStartLockFree() const {
+int AdaptStream::TryStartLock() const {
   // Without the lock file no restart ever took a turn here.
   const int fd = open(GetVTEFileFullPath(kStartLockFile).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool free = flock(fd, LOCK_EX | LOCK_NB) == 0;
+  if (fd < 0) return -1;
+  if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
   close(fd);
-  return free;
+  return -1;
+}
+
+bool AdaptStream::IsStartLockFree() const {
+  const int fd = TryStartLock();
+  if (fd < 0) return false;
+  close(fd);
+  return true;
 }
 
 bool AdaptStream::NoRunWillWrite(const std::string& fragmentFile) const {

@@ -120,7 +120,13 @@ bool VTEStream::CheckTransLoading(bool stopOfflineConversion) {
       SetError(kErrOfflineConverting);
       return false;
     }
-    if (!registry.TransEnable(hardware_)) {
+    // An adaptive stream opens in one request and transcodes in later ones:
+    // its place is taken now, so that the streams admitted here are the ones
+    // that play, and those beyond the limit are refused here.
+    const bool admitted = type_ == "HLS" || type_ == "SS"
+                              ? registry.AdmitSession(type_ + "/" + streamId_, hardware_)
+                              : registry.TransEnable(hardware_);
+    if (!admitted) {
       SetError(kErrTransEnable);
       return false;
     }

@@ -127,7 +127,8 @@ class OpenChecksTest : public ::testing::Test {
     return path;
   }
 
-  static constexpr char kType[] = "HLS";
+  // A progressive type: an adaptive one would hold its place from the open on.
+  static constexpr char kType[] = "WEBM";
   orvotest::MachineRoot root_;
   std::string profiles_;
   std::string id_;

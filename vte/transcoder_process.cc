@@ -21,13 +21,12 @@
 #include "platform/olibc.h"
 #include "platform/run_as.h"
 #include "vte/liborvovte.h"
+#include "vte/session_tree.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
 namespace {
-
-using librh::machine::kRemoveProgram;
 
 constexpr char kLogTag[] = "liborvovte";
 
@@ -37,8 +36,6 @@ constexpr char kMonitorLockFile[] = "filelock";
 constexpr mode_t kMonitorLockMode = 0660;
 // A replaced monitor gets this long to stop its children and go.
 constexpr int kOldMonitorWaits = 5;
-
-// The platform's own tool, not a machine path resolved under the root.
 
 // The platform's hardware decoding path, which is left off for flv sources
 // and for rotated pictures.
@@ -107,13 +104,14 @@ int ParsePid(const std::string& text) {
 
 namespace transcoder {
 
-bool Register(bool hardware) {
+bool Register(bool hardware, const std::string& session) {
   LibReelhall::TransLoading registry;
+  // The exec keeps the pid, so this becomes the transcoder's entry.
+  if (registry.TakeSessionEntry(session, getpid())) return true;
   if (!registry.TransEnable(hardware)) {
     ORVO_LOG(LOG_ERR, "VTE - TransEnable Failed.");
     return false;
   }
-  // The exec keeps the pid, so this becomes the transcoder's entry.
   const int pid = getpid();
   if (!registry.SaveTransPID(pid, hardware, false)) {
     ORVO_LOG(LOG_ERR, "VTE - Fail SaveTransPID [%d].", pid);
@@ -206,7 +204,7 @@ bool VTEStream::ExecuteTranscoding(long seekSeconds, bool copyTimestamps,
     argv.insert(argv.end(), map.begin(), map.end());
     argv.push_back(output);
 
-    if (!remux_ && !transcoder::Register(hardware_)) return false;
+    if (!remux_ && !transcoder::Register(hardware_, type_ + "/" + streamId_)) return false;
     return transcoder::ExecAsRoot("Execute FFmpeg", argv,
                                   {transcoder::PassedDescriptor(output, "pipe:")});
   } catch (const std::exception&) {
@@ -262,15 +260,11 @@ bool VTEStream::CloseStreamCommon() {
 
 bool VTEStream::RemoveTransDir() {
   if (streamId_.empty() || type_.empty()) return false;
-  const std::string session = GetVTEFileFullPath("");
-  char target[4096];
-  const ssize_t length = readlink(session.c_str(), target, sizeof(target) - 1);
-  if (length > 0) {
-    target[length] = '\0';
-    if (VerifyFileExist(target, 0)) OLIBCExec(kRemoveProgram, "-rf", target, nullptr, nullptr);
-  }
-  // An "HTTP" session is a plain directory, which unlink leaves in place.
-  unlink(session.c_str());
+  // An "HTTP" session is a plain directory, which this leaves in place.
+  if (type_ == "HTTP" || GetVTEFileFullPath("").empty()) return true;
+  session::Remove(type_, streamId_);
+  // Its place in the registry goes with it.
+  LibReelhall::TransLoading().ReleaseSession(type_ + "/" + streamId_);
   return true;
 }
 

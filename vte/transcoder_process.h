@@ -9,9 +9,11 @@ namespace LibOrvoVTE {
 namespace transcoder {
 
 // Records the calling process in the load registry as a running transcoder
-// of that kind, when the registry admits one more; the registry is written
-// back before this returns. False, logged, when refused or not recorded.
-bool Register(bool hardware);
+// of that kind: in the place its session (`session`, "<type>/<id>") was
+// admitted to when it opened, or else when the registry admits one more.
+// The registry is written back before this returns. False, logged, when
+// refused or not recorded.
+bool Register(bool hardware, const std::string& session);
 
 // The descriptor a transcoder argument hands over: N when `word` is `prefix`
 // followed by decimal digits ("pipe:5", "fd=5"), else -1.

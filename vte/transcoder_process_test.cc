@@ -247,8 +247,7 @@ class MonitorTest : public orvotest::MachineRootTest {
  protected:
   void SetUp() override {
     MachineRootTest::SetUp();
-    session_ = Root().At("/tmp/Reelhall/HLS/m");
-    fs::create_directories(session_);
+    session_ = orvotest::MakeSession("HLS", "m");
   }
   std::string RecordedMonitor() const { return ReadFile(session_ + "/monitor.pid"); }
 

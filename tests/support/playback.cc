@@ -66,7 +66,7 @@ std::vector<pid_t> ChildrenOf(pid_t parent) {
   return children;
 }
 
-bool CompleteSegment(const std::string& path, double* videoStart) {
+bool CompleteSegment(const std::string& path, double* videoStart, long* videoFrames) {
   ProbedMedia media;
   if (path.empty() || !ProbeMedia(path, &media, "mpegts")) return false;
   const ProbedStream* video = media.Stream("video");
@@ -75,6 +75,7 @@ bool CompleteSegment(const std::string& path, double* videoStart) {
     return false;
   }
   if (videoStart != nullptr) *videoStart = video->start;
+  if (videoFrames != nullptr) *videoFrames = video->frames;
   return true;
 }
 
@@ -135,23 +136,26 @@ std::string PlaybackTest::FinishRequest(Request request, int timeoutSeconds) {
 }
 
 std::string PlaybackTest::Open(const std::string& id, const std::string& profile, Media media) {
+  return FinishRequest(StartOpen(id, profile, media), 60);
+}
+
+PlaybackTest::Request PlaybackTest::StartOpen(const std::string& id, const std::string& profile,
+                                              Media media) {
   const std::string source = TestMedia(media);
   const std::string profiles = profiles_;
-  return FinishRequest(
-      StartRequest([&] {
-        Json::Value options(Json::objectValue);
-        options["stream_id"] = id;
-        const std::string made = LibOrvoVTE::VTEStream::VTE_Init(source, "HLS", options, profiles,
-                                                                 profile, "browser", 0);
-        if (made != id) return "VTE_Init gave \"" + made + "\"";
-        LibOrvoVTE::HttpLiveStream stream(id);
-        Json::Value params;
-        params["url"] = "/api/stream";
-        params["format"] = "hls";
-        if (!stream.Init(params, Json::Value(), "", "")) return stream.GetErrorString();
-        return std::string("ok");
-      }),
-      60);
+  return StartRequest([&] {
+    Json::Value options(Json::objectValue);
+    options["stream_id"] = id;
+    const std::string made = LibOrvoVTE::VTEStream::VTE_Init(source, "HLS", options, profiles,
+                                                             profile, "browser", 0);
+    if (made != id) return "VTE_Init gave \"" + made + "\"";
+    LibOrvoVTE::HttpLiveStream stream(id);
+    Json::Value params;
+    params["url"] = "/api/stream";
+    params["format"] = "hls";
+    if (!stream.Init(params, Json::Value(), "", "")) return stream.GetErrorString();
+    return std::string("ok");
+  });
 }
 
 std::string PlaybackTest::Segment(const std::string& id, int fragment, int timeoutSeconds) {

@@ -34,6 +34,10 @@ class PlaybackTest : public ::testing::Test {
   // error code when Init refused).
   std::string Open(const std::string& id, const std::string& profile,
                    Media media = Media::kLongH264AacMp4);
+  struct Request;
+  // Starts that request without waiting; FinishRequest gives its answer.
+  Request StartOpen(const std::string& id, const std::string& profile,
+                    Media media = Media::kLongH264AacMp4);
   // One segment request (Transcoding, then ReadFragment): the path served,
   // "" when refused, "<...>" when the request failed.
   std::string Segment(const std::string& id, int fragment, int timeoutSeconds = 90);
@@ -73,7 +77,9 @@ class PlaybackTest : public ::testing::Test {
 std::vector<pid_t> ChildrenOf(pid_t parent);
 
 // Whether `path` is a whole MPEG-TS segment with decodable picture and
-// sound; `videoStart`, when given, gets its first video timestamp.
-bool CompleteSegment(const std::string& path, double* videoStart = nullptr);
+// sound; `videoStart` and `videoFrames`, when given, get its first video
+// timestamp and its number of pictures.
+bool CompleteSegment(const std::string& path, double* videoStart = nullptr,
+                     long* videoFrames = nullptr);
 
 }  // namespace orvotest

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -85,6 +86,23 @@ std::string SessionPath(const std::string& type, const std::string& id, const st
   return name.empty() ? dir : dir + "/" + name;
 }
 
+std::string MakeSession(const std::string& type, const std::string& id) {
+  const std::string session = SessionPath(type, id);
+  std::error_code ignored;
+  std::filesystem::remove_all(session, ignored);
+  std::filesystem::create_directories(std::filesystem::path(session).parent_path());
+  if (type == "HTTP") {
+    std::filesystem::create_directories(session);
+  } else {
+    const std::string dir =
+        librh::machine::Resolve("/volume1/@tmp/Reelhall/" + type + "/" + id);
+    std::filesystem::remove_all(dir, ignored);
+    std::filesystem::create_directories(dir);
+    std::filesystem::create_directory_symlink(dir, session, ignored);
+  }
+  return session;
+}
+
 int RecordedPid(const std::string& pidFile, int unlike) {
   int pid = -1;
   WaitUntil(
@@ -144,7 +162,9 @@ std::vector<int> RegistryPids() {
     return pids;
   }
   for (const Json::Value& entry : registry) {
-    if (entry.isObject() && entry["PID"].isInt()) pids.push_back(entry["PID"].asInt());
+    if (entry.isObject() && entry["PID"].isInt() && entry["PID"].asInt() != 0) {
+      pids.push_back(entry["PID"].asInt());
+    }
   }
   return pids;
 }

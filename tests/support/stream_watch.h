@@ -30,6 +30,10 @@ std::string CreateSession(Media media, const std::string& type, const std::strin
 std::string SessionPath(const std::string& type, const std::string& id,
                         const std::string& name = "");
 
+// Makes a fresh, empty session directory of `type` and `id` as the library
+// does (a link to a directory on /volume1 but for "HTTP"); returns its path.
+std::string MakeSession(const std::string& type, const std::string& id);
+
 // The pid recorded in `pidFile`, waiting at most 10 seconds for one other
 // than `unlike`; -1 when none came.
 int RecordedPid(const std::string& pidFile, int unlike = -1);
@@ -52,7 +56,8 @@ bool ChildrenEnded(int timeoutSeconds);
 // Polls `condition` every 20 ms for at most `timeoutMs`; its last answer.
 bool WaitUntil(const std::function<bool()>& condition, int timeoutMs);
 
-// The pids of the load registry's entries under the current machine root.
+// The pids of the load registry's entries under the current machine root;
+// not 0, the pid of a session's place while no transcoder of it runs.
 std::vector<int> RegistryPids();
 bool Registered(int pid);
 

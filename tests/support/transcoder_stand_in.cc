@@ -13,6 +13,7 @@
 #include "metadata/video_metadata.h"
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
+#include "tests/support/stream_watch.h"
 #include "vte/utils/json_utils.h"
 
 namespace orvotest {
@@ -66,9 +67,7 @@ Json::Value SessionDocument(Media media, const std::string& profile) {
 }
 
 std::string WriteSession(const std::string& type, const std::string& id, const Json::Value& doc) {
-  const std::string dir =
-      librh::machine::Resolve(librh::machine::kTempRoot) + "/" + type + "/" + id;
-  std::filesystem::create_directories(dir);
+  const std::string dir = MakeSession(type, id);
   if (!LibReelhall::WriteJsonToFile(dir + "/video_metadata", doc)) ADD_FAILURE() << dir;
   return dir;
 }

@@ -6,6 +6,9 @@ namespace {
 constexpr long long kTicksPerSecond = 10000000;  // Smooth Streaming's 100 ns
 constexpr long long kMicrosPerSecond = 1000000;
 constexpr char kStagingName[] = "/.staging";
+// Beside the segments: the library serves a segment only once the list has
+// it, with its full length.
+constexpr char kSegmentListName[] = "segments.csv";
 
 const char* KindName(OutputKind kind) {
   switch (kind) {
@@ -138,13 +141,34 @@ void ForceKeyFrames(long long seconds, Walk* walk) {
                      {"-force_key_frames", "expr:gte(t,n_forced*" + std::to_string(seconds) + ")"});
 }
 
-bool FinishSegments(Walk* walk, std::string* error) {
+// The segment muxer lists each segment as it closes it, with its start and
+// end; one cut short by a signal is listed too, with its short length, and
+// one cut by SIGKILL not at all. The library's "m3u8" list type is a
+// playlist rewritten whole every time; CSV lines are only appended.
+void ListSegments(const std::string& output, Walk* walk) {
+  const size_t slash = output.rfind('/');
+  const std::string list =
+      (slash == std::string::npos ? std::string() : output.substr(0, slash + 1)) +
+      kSegmentListName;
+  std::vector<std::string>& words = walk->words;
+  for (size_t i = 0; i + 1 < words.size(); ++i) {
+    if (words[i] == "-segment_list" || words[i] == "-segment_list_type") {
+      words.erase(words.begin() + i, words.begin() + i + 2);
+      if (walk->formatIndex > static_cast<long>(i)) walk->formatIndex -= 2;
+      --i;
+    }
+  }
+  words.insert(words.end(), {"-segment_list", list, "-segment_list_type", "csv"});
+}
+
+bool FinishSegments(const std::string& output, Walk* walk, std::string* error) {
   if (walk->copyTimestamps) {
     return Fail(error, "-copyts with segments: the stock segment muxer would cut after every frame");
   }
   if (walk->segmentSeconds <= 0) return Fail(error, "segments need a positive -segment_time");
   SetFormat("segment", walk);
   ForceKeyFrames(walk->segmentSeconds, walk);
+  ListSegments(output, walk);
   return true;
 }
 
@@ -200,7 +224,7 @@ bool PlanFFmpeg(const std::vector<std::string>& libraryArgv, const std::string& 
   FFmpegPlan result;
   switch (walk.kind) {
     case OutputKind::kSegments:
-      if (!FinishSegments(&walk, error)) return false;
+      if (!FinishSegments(output, &walk, error)) return false;
       break;
     case OutputKind::kFragments:
       if (!FinishFragments(output, &walk, &result.fragments, error)) return false;

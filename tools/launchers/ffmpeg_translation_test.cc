@@ -42,27 +42,30 @@ TEST(PlanFFmpeg, TranslatesTheLibraryCommandLines) {
       {"ffmpeg -ss 0 -i /v/a.mp4 -vcodec libvpx -acodec libshine -webm_seek_time 0 pipe:5",
        "-ss 0 -i /v/a.mp4 -vcodec libvpx -acodec libshine -output_ts_offset 0 -f matroska pipe:5",
        OutputKind::kWebM},
-      // HLS transcode: segment muxer, timeline offset, keyframes on the cuts.
+      // HLS transcode: segment muxer, timeline offset, keyframes on the cuts,
+      // a list of the finished segments beside them.
       {"ffmpeg -ss 60 -i /v/a.mp4 -vcodec libx264 -s 640x480 -acodec libfdk_aac "
        "-segment_format mpegts -segment_list_type m3u8 -hls_seek_time 60 -segment_time 5 "
        "-segment_start_number 00012 -individual_header_trailer 0 -avoid_negative_ts 0 "
        "-break_non_keyframes 1 -map 0:0 -map 0:1 /s/slice-%05d.ts",
        "-ss 60 -i /v/a.mp4 -vcodec libx264 -s 640x480 -acodec aac -segment_format mpegts "
-       "-segment_list_type m3u8 -initial_offset 60 -segment_time 5 -segment_start_number 00012 "
+       "-initial_offset 60 -segment_time 5 -segment_start_number 00012 "
        "-individual_header_trailer 0 -avoid_negative_ts 0 -break_non_keyframes 1 -map 0:0 "
-       "-map 0:1 -f segment -force_key_frames expr:gte(t,n_forced*5) /s/slice-%05d.ts",
+       "-map 0:1 -f segment -force_key_frames expr:gte(t,n_forced*5) -segment_list "
+       "/s/segments.csv -segment_list_type csv /s/slice-%05d.ts",
        OutputKind::kSegments},
       // HLS remux: copied video keeps its own keyframes.
       {"ffmpeg -ss 96 -i /v/a.mp4 -vcodec copy -bsf:v h264_mp4toannexb -acodec libfdk_aac "
        "-hls_seek_time 96 -segment_time 8 -segment_start_number 12 /s/slice-%05d.ts",
        "-ss 96 -i /v/a.mp4 -vcodec copy -bsf:v h264_mp4toannexb -acodec aac -initial_offset 96 "
-       "-segment_time 8 -segment_start_number 12 -f segment /s/slice-%05d.ts",
+       "-segment_time 8 -segment_start_number 12 -f segment -segment_list /s/segments.csv "
+       "-segment_list_type csv /s/slice-%05d.ts",
        OutputKind::kSegments},
       // The GStreamer platforms' segmenter, fed from a pipe.
       {"ffmpeg -i pipe:9 -map 0 -codec copy -f segment -segment_time 5 -segment_start_number 7 "
        "-hls_seek_time 35 /s/slice-%05d.ts",
        "-i pipe:9 -map 0 -codec copy -f segment -segment_time 5 -segment_start_number 7 "
-       "-initial_offset 35 /s/slice-%05d.ts",
+       "-initial_offset 35 -segment_list /s/segments.csv -segment_list_type csv /s/slice-%05d.ts",
        OutputKind::kSegments},
       // Smooth, software: fragments into staging, names shifted by the seek.
       {"ffmpeg -ss 120 -i /v/a.mp4 -vcodec libx264 -s 320x240 -acodec libfdk_aac -ab 40k "

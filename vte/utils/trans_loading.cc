@@ -18,6 +18,7 @@ constexpr char kLogTag[] = "trans_loading";
 constexpr char kPidKey[] = "PID";
 constexpr char kHardwareKey[] = "hardware_transcode";
 constexpr char kOfflineKey[] = "offline_conversion";
+constexpr char kSessionKey[] = "session";
 
 // Braswell's engine serves many sessions at once; elsewhere the engine, like
 // the CPU, takes one transcoder.
@@ -53,6 +54,34 @@ bool HardwareIs(const Json::Value& entry, bool wanted) {
 
 bool IsOffline(const Json::Value& entry) {
   return FlagIs(entry, kOfflineKey, sizeof(kOfflineKey) - 1, true);
+}
+
+bool IsName(const std::string& part) {
+  return !part.empty() && part != "." && part != ".." &&
+         part.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
+// The session an entry holds its place for, "" when none. Only a plain
+// "<type>/<id>" counts, so the existence test below stays in the temp root.
+std::string SessionOf(const Json::Value& entry) {
+  if (!entry.isObject()) return "";
+  const Json::Value* value = entry.find(kSessionKey, kSessionKey + sizeof(kSessionKey) - 1);
+  if (value == nullptr || !value->isString()) return "";
+  const std::string session = value->asString();
+  const size_t slash = session.find('/');
+  if (slash == std::string::npos || !IsName(session.substr(0, slash)) ||
+      !IsName(session.substr(slash + 1))) {
+    return "";
+  }
+  return session;
+}
+
+bool SessionExists(const Json::Value& entry) {
+  const std::string session = SessionOf(entry);
+  struct stat info;
+  return !session.empty() &&
+         stat((librh::machine::Resolve(librh::machine::kTempRoot) + "/" + session).c_str(),
+              &info) == 0;
 }
 
 bool SupportsHardware() {
@@ -115,7 +144,9 @@ bool TransLoading::ReadAndCheckAlive() {
     if (!stored.isArray()) return false;
     for (const Json::Value& entry : stored) {
       int pid = 0;
-      if (PidOf(entry, pid) && OLIBCProcAlive(pid)) entries_.append(entry);
+      if (PidOf(entry, pid) && (OLIBCProcAlive(pid) || SessionExists(entry))) {
+        entries_.append(entry);
+      }
     }
     return true;
   } catch (const std::exception&) {
@@ -180,8 +211,56 @@ bool TransLoading::RemoveTransPIDLock(int pid) {
     Json::Value kept(Json::arrayValue);
     for (const Json::Value& entry : entries_) {
       int entryPid = 0;
-      if (PidOf(entry, entryPid) && entryPid == pid) continue;
+      if (PidOf(entry, entryPid) && entryPid == pid) {
+        // A session's place outlives each run of its transcoder.
+        if (!SessionExists(entry)) continue;
+        kept.append(entry);
+        kept[kept.size() - 1][kPidKey] = 0;
+        continue;
+      }
       kept.append(entry);
+    }
+    entries_.swap(kept);
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool TransLoading::AdmitSession(const std::string& session, bool hardware) {
+  if (!HeldOrLog()) return false;
+  try {
+    for (const Json::Value& entry : entries_) {
+      if (SessionOf(entry) == session) return true;
+    }
+    if (!TransEnable(hardware) || !SaveTransPID(0, hardware, false)) return false;
+    entries_[entries_.size() - 1][kSessionKey] = session;
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool TransLoading::TakeSessionEntry(const std::string& session, int pid) {
+  if (!HeldOrLog()) return false;
+  try {
+    for (Json::Value& entry : entries_) {
+      if (SessionOf(entry) != session) continue;
+      entry[kPidKey] = pid;
+      return true;
+    }
+    return false;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool TransLoading::ReleaseSession(const std::string& session) {
+  if (!HeldOrLog()) return false;
+  try {
+    Json::Value kept(Json::arrayValue);
+    for (const Json::Value& entry : entries_) {
+      if (SessionOf(entry) != session) kept.append(entry);
     }
     entries_.swap(kept);
     return true;

@@ -4,6 +4,10 @@
 //
 // The registry is one JSON file, which is also its lock file: an array of
 // {"PID": int, "hardware_transcode": bool, "offline_conversion": bool}.
+// An adaptive stream's entry also names its session ("session": "<type>/
+// <id>"): the stream was admitted when it opened, and the entry holds its
+// place from then until the session is closed or gone. Its pid is that of
+// the session's running transcoder, 0 while none runs.
 // Taking a TransLoading locks the file and loads the entries of live
 // processes; letting it go writes the entries back and unlocks. Keep its
 // scope short: every other process that needs the registry waits meanwhile.
@@ -12,6 +16,7 @@
 #include <json/json.h>
 
 #include <cstdint>
+#include <string>
 
 #include "vte/utils/lock.h"
 
@@ -38,11 +43,23 @@ class TransLoading : public Lock {
 
   // Adds an entry; duplicates are allowed.
   bool SaveTransPID(int pid, bool hardware, bool offline);
-  // Drops every entry of `pid`; succeeds when there is none.
+  // Drops every entry of `pid`; a session that still exists keeps its entry,
+  // with pid 0. Succeeds when there is none.
   bool RemoveTransPIDLock(int pid);
-  // Loads the file, keeping only entries whose process is alive. An empty or
-  // missing file holds no entries; any other unreadable content fails.
+  // Loads the file, keeping only entries whose process is alive or whose
+  // session still exists. An empty or missing file holds no entries; any
+  // other unreadable content fails.
   bool ReadAndCheckAlive();
+
+  // Admits session `session` ("<type>/<id>") with an entry of its own,
+  // unless it holds one already; false when the limit refuses it.
+  bool AdmitSession(const std::string& session, bool hardware);
+  // Gives the session's entry to `pid` (its transcoder); false when the
+  // session holds none.
+  bool TakeSessionEntry(const std::string& session, int pid);
+  // Drops the session's entry: the session is gone, and the streams it
+  // admitted with it.
+  bool ReleaseSession(const std::string& session);
   // Whether an offline conversion holds a transcoder.
   bool IsOffineConverting() const;
 

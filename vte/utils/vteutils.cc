@@ -157,6 +157,24 @@ std::string ReadFile(const std::string& path) {
   return std::string(buffer);
 }
 
+bool HasControlCharacter(const std::string& text) {
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return true;
+  }
+  return false;
+}
+
+bool ReadWholeFile(const std::string& path, std::string& text) {
+  FILE* file = fopen(path.c_str(), "re");
+  if (file == nullptr) return false;
+  char chunk[8192];
+  size_t count;
+  while ((count = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, count);
+  const bool ok = ferror(file) == 0;
+  fclose(file);
+  return ok;
+}
+
 bool SaveFile(const std::string& path, const std::string& content) {
   // An empty marker file would read back as "no value" to the next request,
   // so an empty content is refused rather than written.

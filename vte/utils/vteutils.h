@@ -21,9 +21,18 @@ bool VerifyFileExist(const std::string& path, unsigned int retries);
 // "" on any failure.
 std::string ReadFile(const std::string& path);
 
+// Appends the whole content of `path` to `text`, read to its end (kernel
+// files report a size of 0); false when it cannot be opened or read. For
+// files longer than a marker's few bytes.
+bool ReadWholeFile(const std::string& path, std::string& text);
+
 // Replaces `path` with `content`. False, writing nothing, for an empty path or
 // empty content.
 bool SaveFile(const std::string& path, const std::string& content);
+
+// Whether `text` holds a control character (below 0x20, NUL included, or
+// DEL): what a client's value must not carry into a file name or a line.
+bool HasControlCharacter(const std::string& text);
 
 // SIGTERM to `pid`; the result of kill(2), or -1 without a call for pid < 1.
 int KillProcess(int pid);
