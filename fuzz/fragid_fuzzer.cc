@@ -1,10 +1,12 @@
-// Smooth fragment names come straight from the client's URL.
+// Smooth fragment names and HLS fragment ids come straight from the client's
+// URL.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 #include "fuzz/fuzz_root.h"
+#include "vte/http_live_stream.h"
 #include "vte/smooth_stream.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -14,7 +16,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const LibOrvoVTE::SmoothStream stream("fuzzsession");
+  static const LibOrvoVTE::HttpLiveStream hls("fuzzsession");
   const std::string id(reinterpret_cast<const char*>(data), size);
+  // The segment's start second is a product with the client's number.
+  hls.CalculateSeekTime(id);
   std::string time = "t", type = "y", quality = "q";
   if (!stream.ParseFragId(id, time, type, quality)) {
     // A refused id leaves the caller's values alone.

@@ -56,6 +56,16 @@ bool IsSafeStreamId(const std::string& id) {
          !HasControlCharacter(id);
 }
 
+// A session another user planted, by a link or a directory of its own, is
+// never read (its profile would become the transcoder's command line) nor
+// written into.
+bool IsUsableSession(const std::string& type, const std::string& id) {
+  if (session::Usable(session::Inspect(type, id))) return true;
+  ORVO_LOG(LOG_ERR, "Refused session [%s/%s]: not one the library made for this user", type.c_str(),
+           id.c_str());
+  return false;
+}
+
 unsigned long long SpaceToAsk(const std::string& type, bool remux, unsigned long long needed) {
   if (type == "HLS" && remux) return needed != 0 ? needed : kRemuxHlsSpace;
   return kDefaultSpace;
@@ -197,13 +207,10 @@ std::string VTEStream::VTE_Init(const std::string& path, const std::string& type
   }
 }
 
-// A session another user planted, by a link or a directory of its own, is
-// never read (its profile would become the transcoder's command line) nor
-// written into: the stream then has no id, as for an id that is no name.
+// A stream of a session that is not the library's has no id, as for an id
+// that is no name: it reaches no file at all.
 VTEStream::VTEStream(const std::string& streamId, const std::string& type)
-    : streamId_(IsSafeStreamId(streamId) && session::Usable(session::Inspect(type, streamId))
-                    ? streamId
-                    : ""),
+    : streamId_(IsSafeStreamId(streamId) && IsUsableSession(type, streamId) ? streamId : ""),
       type_(type),
       remux_(false),
       hardware_(false),

@@ -191,14 +191,6 @@ TEST_F(SessionTest, StreamReattachesInAnotherProcess) {
   EXPECT_EQ("remux [" + std::string(kCopyProfile) + "] copy browser " + clip_ + " 320", seen);
 }
 
-// The callers' own profile files.
-TEST(SessionSampleProfilesTest, RemuxIsTheProfilesVideoCopy) {
-  const std::string profiles = std::string(ORVOVTE_SAMPLE_PROFILES) + "/hls.json";
-  EXPECT_TRUE(VTEStream::IsRemux(profiles, "hls_remux_h264_aac_ab128"));
-  EXPECT_FALSE(VTEStream::IsRemux(profiles, "hls_hd720_x264_vb2048_aac_ab128"));
-  EXPECT_FALSE(VTEStream::IsRemux(profiles, "absent"));
-}
-
 // Hardware flags depend on the platform, read once per process: each
 // platform plays in its own child.
 TEST(SessionPlatformTest, HardwareFlagsFollowThePlatform) {
@@ -228,15 +220,6 @@ TEST(SessionPlatformTest, HardwareFlagsFollowThePlatform) {
     });
     EXPECT_EQ(0, status) << c.platform << " " << c.profile;
   }
-}
-
-TEST(SessionPathTest, ErrorCodeKeepsTheLastNonEmptyCode) {
-  orvotest::MachineRoot root;
-  SessionView stream(kTransSpaceNotEnough, "HLS");
-  EXPECT_EQ("", stream.GetErrorString());
-  EXPECT_TRUE(stream.SetError("TransEnable"));
-  EXPECT_FALSE(stream.SetError(""));
-  EXPECT_EQ("TransEnable", stream.GetErrorString());
 }
 
 TEST(SessionTrackInfoTest, ProbesVideoAndAudioLists) {

@@ -5,10 +5,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <limits>
@@ -118,6 +120,34 @@ void WaitForMonitor(int fd) {
   do {
     ready = poll(&closed, 1, kRecordWaitMs);
   } while (ready < 0 && errno == EINTR);
+}
+
+// Whether the fragment file holds whole boxes end to end (its moof and its
+// mdat): a write cut short by a full volume leaves the last one short. A
+// file that is not there is not judged here.
+bool CutFragment(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "re");
+  if (file == nullptr) return false;
+  struct stat info;
+  bool whole = fstat(fileno(file), &info) == 0 && info.st_size > 0;
+  for (off_t at = 0; whole && at < info.st_size;) {
+    unsigned char head[16];
+    whole = fseeko(file, at, SEEK_SET) == 0 && fread(head, 1, 8, file) == 8;
+    unsigned long long size = 0;
+    for (int i = 0; i < 4; ++i) size = size << 8 | head[i];
+    if (whole && size == 1) {
+      // A 64-bit size follows the type.
+      whole = fread(head + 8, 1, 8, file) == 8;
+      size = 0;
+      for (int i = 8; i < 16; ++i) size = size << 8 | head[i];
+    } else if (size == 0) {
+      size = static_cast<unsigned long long>(info.st_size - at);  // to the end of the file
+    }
+    whole = whole && size >= 8 && size <= static_cast<unsigned long long>(info.st_size - at);
+    at += static_cast<off_t>(size);
+  }
+  fclose(file);
+  return !whole;
 }
 
 void ForgetTranscoder(pid_t pid) {
@@ -248,7 +278,15 @@ std::string SmoothStream::ReadFragment(const std::string& fragmentId) {
     sleep(1);
   }
   // Once the session is closed no fragment of it is served.
-  return IsClosed() ? "" : GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
+  const std::string path =
+      IsClosed() ? "" : GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
+  if (!path.empty() && CutFragment(path)) {
+    // It never becomes whole; gone, it is transcoded again when asked for.
+    ORVO_LOG(LOG_ERR, "ReadFragment: cut fragment removed file[%s]", fragmentId.c_str());
+    unlink(path.c_str());
+    return "";
+  }
+  return path;
 }
 
 bool SmoothStream::Transcoding(const std::string& fragmentId) {

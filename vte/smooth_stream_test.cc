@@ -49,9 +49,11 @@ class SmoothRequests : public orvotest::MachineRootTest {
     fs::remove(File("seek_time"));
     if (!seekTime.empty()) SaveFile(File("seek_time"), seekTime);
     fs::create_directories(File(std::string("smooth/") + kQuality));
+    // A whole box each.
     for (long long time : times) {
       std::ofstream(File(std::string("smooth/") + kQuality + "/Fragments(" + type + "=" +
-                         std::to_string(time) + ")"));
+                         std::to_string(time) + ")"))
+          << std::string("\0\0\0\x08" "free", 8);
     }
   }
 };
@@ -177,6 +179,11 @@ TEST_F(SmoothRequests, ReadFragmentStaysInsideTheSession) {
             File("smooth/" + Fragment("video", "0")));
   EXPECT_EQ(stream.ReadFragment("Fragments(video=0)"), File("smooth/Fragments(video=0)"));
   EXPECT_EQ(SmoothStream("").ReadFragment(Fragment("video", "0")), "");
+  // Cut short by a full volume: its mdat announces more than the file holds.
+  const std::string cut = File("smooth/" + Fragment("video", "0"));
+  std::ofstream(cut, std::ios::app) << std::string("\0\0\0\x64mdat", 8) << "short";
+  EXPECT_EQ(stream.ReadFragment(Fragment("video", "0")), "");
+  EXPECT_FALSE(fs::exists(cut));
 }
 
 TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {

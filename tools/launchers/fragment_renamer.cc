@@ -71,7 +71,8 @@ int FragmentRenamer::MoveFinished() {
     }
     const fs::path target = fs::path(layout_.outputDir) / qualityName;
     std::error_code creating;
-    fs::create_directories(target, creating);
+    // Only the last level: a removed output directory is not made again.
+    fs::create_directory(target, creating);
     for (auto& [stem, fragments] : byStream) {
       std::sort(fragments.begin(), fragments.end());
       long long& count = moved_[qualityName + "/" + stem];

@@ -40,15 +40,6 @@ TEST_F(JsonUtilsTest, WritesOneLineThatReadsBackEqual) {
   EXPECT_EQ(value, back);
 }
 
-TEST_F(JsonUtilsTest, ReadsDocumentsWithComments) {
-  Root().WriteFile("/tmp/commented.json",
-                   "// written by hand\n{\n  \"a\": 1, /* the only key */\n  \"b\": [2]\n}\n");
-  Json::Value out;
-  ASSERT_TRUE(ReadJsonFromFile(Scratch("commented.json"), out));
-  EXPECT_EQ(1, out["a"].asInt());
-  EXPECT_EQ(2, out["b"][0].asInt());
-}
-
 TEST_F(JsonUtilsTest, ReadFailsSilentlyForMissingOrBrokenFiles) {
   struct Case {
     const char* name;

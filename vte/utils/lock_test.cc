@@ -124,17 +124,6 @@ TEST_F(LockTest, KeepsOneCloseOnExecDescriptorUntilUnlocked) {
   EXPECT_EQ(0, stat(LockPath().c_str(), &st)) << "the lock file stays on disk";
 }
 
-TEST_F(LockTest, ExcludesOtherDescriptorsInTheSameProcess) {
-  {
-    Lock first(LockPath(), false);
-    ASSERT_TRUE(first.IsLockSucess());
-    Lock second(LockPath(), false);
-    EXPECT_FALSE(second.IsLockSucess());
-  }
-  Lock third(LockPath(), false);
-  EXPECT_TRUE(third.IsLockSucess());
-}
-
 TEST_F(LockTest, NonBlockingLockFailsWhileAnotherProcessHoldsIt) {
   const std::string path = LockPath();
   Signal held;
@@ -160,30 +149,6 @@ TEST_F(LockTest, NonBlockingLockFailsWhileAnotherProcessHoldsIt) {
   EXPECT_EQ(0, orvotest::WaitForChild(holder, 10));
   Lock granted(path, false);
   EXPECT_TRUE(granted.IsLockSucess()) << "the lock ends with its holder";
-}
-
-TEST_F(LockTest, BlockingLockWaitsForTheHolderToLetGo) {
-  const std::string path = LockPath();
-  Signal held;
-  ASSERT_TRUE(held.Valid());
-  pid_t holder = orvotest::StartChild([&] {
-    held.CloseReader();
-    Lock lock(path, true);
-    if (!lock.IsLockSucess() || !held.Notify()) return 1;
-    usleep(500 * 1000);
-    return 0;
-  });
-  ASSERT_GT(holder, 0);
-  held.CloseWriter();
-  ASSERT_TRUE(held.Wait()) << "the holder never took the lock";
-
-  const auto start = std::chrono::steady_clock::now();
-  Lock waiting(path, true);
-  const double waited =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_TRUE(waiting.IsLockSucess());
-  EXPECT_GT(waited, 0.3);
-  EXPECT_EQ(0, orvotest::WaitForChild(holder, 10));
 }
 
 // Several processes update a shared counter by read, pause, write, which loses

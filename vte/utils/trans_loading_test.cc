@@ -247,34 +247,6 @@ TEST_F(TransLoadingTest, SurvivesWhateverTheFileHolds) {
   }
 }
 
-TEST_F(TransLoadingTest, RefusesEverythingWithoutTheLock) {
-  // The registry's directory is a plain file: the lock file cannot be opened.
-  const std::string dir = Root().At(librh::machine::kTempRoot);
-  orvotest::RemoveTree(dir);
-  std::ofstream(dir) << "in the way";
-  orvotest::LogCapture logs;
-  {
-    TransLoading registry;
-    EXPECT_FALSE(registry.IsLockSucess());
-    EXPECT_FALSE(registry.TransEnable(false)) << "not even into an empty registry";
-    EXPECT_FALSE(registry.SaveTransPID(getpid(), false, false));
-    EXPECT_FALSE(registry.RemoveTransPIDLock(getpid()));
-    EXPECT_FALSE(registry.IsOffineConverting());
-  }
-  EXPECT_TRUE(logs.Contains("trans_loading:")) << logs.Dump();
-  EXPECT_TRUE(logs.Contains(" TransLoading lock file failed")) << logs.Dump();
-  int refusals = 0;
-  for (const orvotest::LoggedLine& line : logs.Lines()) {
-    refusals += line.priority == LOG_ERR &&
-                line.text.find(" TransEnable need to lock file") != std::string::npos;
-  }
-  EXPECT_EQ(4, refusals) << logs.Dump();
-  std::ifstream in(dir);
-  std::string content;
-  std::getline(in, content);
-  EXPECT_EQ("in the way", content) << "nothing may be written";
-}
-
 // Many processes add and remove their own pid at once; the lock must keep
 // every read-modify-write whole, or entries get lost or duplicated.
 TEST_F(TransLoadingTest, KeepsEveryEntryUnderContention) {

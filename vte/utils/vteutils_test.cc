@@ -86,20 +86,6 @@ TEST_F(VteUtilsTest, VerifyFileExistSleepsOnceMoreThanItRetries) {
   }
 }
 
-TEST_F(VteUtilsTest, VerifyFileExistSeesAFileThatAppearsWhileRetrying) {
-  const std::string late = Scratch("late");
-  pid_t writer = orvotest::StartChild([&late] {
-    usleep(500 * 1000);
-    FILE* file = fopen(late.c_str(), "w");
-    return file != nullptr && fclose(file) == 0 ? 0 : 1;
-  });
-  ASSERT_GT(writer, 0);
-  const Clock::time_point start = Clock::now();
-  EXPECT_TRUE(VerifyFileExist(late, 3));
-  EXPECT_LT(SecondsSince(start), 2.5);
-  EXPECT_EQ(0, orvotest::WaitForChild(writer, 10));
-}
-
 // The file sits in a directory only root may enter; the process runs with an
 // unprivileged effective user, as the web API does, and must get it back.
 TEST_F(VteUtilsTest, VerifyFileExistLooksWithRootRightsAndRestoresTheEffectiveIds) {
@@ -228,41 +214,6 @@ TEST(KillProcessTest, RefusesPidsBelowOneWithoutSendingAnything) {
     return siblingAlive ? 0 : 23;
   });
   EXPECT_EQ(0, status) << "20 wrong result, 21 kill called, 22 caller signalled, 23 sibling died";
-}
-
-TEST(StringExplodeTest, SplitsAtEveryDelimiterAndDropsEmptyTokens) {
-  struct Case {
-    std::string text;
-    std::string delimiters;
-    std::vector<std::string> expected;
-  };
-  const Case cases[] = {
-      {"a,,b", ",", {"a", "b"}},
-      {"", ",", {}},
-      {",,,", ",", {}},
-      {",a,", ",", {"a"}},
-      {"abc", ",", {"abc"}},
-      {"a b\tc", " \t", {"a", "b", "c"}},
-      {"x=1;y=2", ";=", {"x", "1", "y", "2"}},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.expected, StringExplode(c.text, c.delimiters))
-        << "'" << c.text << "' at '" << c.delimiters << "'";
-  }
-}
-
-TEST(ToStringTest, FormatsLikeADefaultStream) {
-  EXPECT_EQ("0", ToString<unsigned int>(0));
-  EXPECT_EQ("4294967295", ToString<unsigned int>(4294967295u));
-  struct Case {
-    float value;
-    const char* expected;
-  };
-  const Case cases[] = {
-      {1.5f, "1.5"},       {100.0f, "100"},     {23.976f, "23.976"}, {1234567.0f, "1.23457e+06"},
-      {0.0001f, "0.0001"}, {0.00001f, "1e-05"}, {-2.25f, "-2.25"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(c.expected, ToString<float>(c.value)) << c.expected;
 }
 
 // Every codec libavcodec describes is named by libavcodec's own short name
