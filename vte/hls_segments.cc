@@ -72,14 +72,17 @@ bool HttpLiveStream::ParseFragment(const std::string& fragmentId, int* fragment)
 }
 
 bool HttpLiveStream::SegmentIsWhole(int fragment) const {
+  std::string list;
+  return ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), list) && ListedWhole(list, fragment);
+}
+
+bool HttpLiveStream::ListedWhole(const std::string& list, int fragment) const {
   struct stat info;
   const std::string path = GetSegmentTsPath(fragment);
   // A write cut short by a full volume leaves an empty file or a torn packet.
   if (stat(path.c_str(), &info) != 0 || info.st_size == 0 || info.st_size % kPacketBytes != 0) {
     return false;
   }
-  std::string list;
-  if (!ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), list)) return false;
   const double length = ListedLength(list, path.substr(path.rfind('/') + 1));
   // The last segment of the video ends with it.
   const long remaining = static_cast<long>(metadata_.GetDuration()) -
@@ -89,8 +92,10 @@ bool HttpLiveStream::SegmentIsWhole(int fragment) const {
 }
 
 void HttpLiveStream::RemoveCutSegments(int from) const {
+  std::string list;
+  ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), list);
   int fragment = from;
-  while (SegmentIsWhole(fragment)) ++fragment;
+  while (ListedWhole(list, fragment)) ++fragment;
   // Past the first cut one nothing was written whole either.
   while (unlink(GetSegmentTsPath(fragment).c_str()) == 0) ++fragment;
 }

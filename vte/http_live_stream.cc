@@ -122,8 +122,8 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
       !ParseFragment(fragmentId, &fragment)) {
     return false;
   }
-  ClearCutSegments();
   const std::string segment = GetSegmentTsPath(fragment);
+  if (VerifyFileExist(segment, 0) && !SegmentIsWhole(fragment)) ClearCutSegments();
   const bool needed = IsTransAndSegNeedToRestart(fragmentId);
   const bool remuxSeek = !needed && IsHLSRemuxSeek(fragmentId);
   if (!needed && !remuxSeek && !IsStartAbandoned(segment)) return true;

@@ -101,6 +101,8 @@ class HttpLiveStream : public AdaptStream {
   // segment's full length (or up to the end of the video), and the file
   // holds whole packets.
   bool SegmentIsWhole(int fragment) const;
+  // The same against the text of the transcoder's list.
+  bool ListedWhole(const std::string& list, int fragment) const;
   // Removes, from `from` on, the first segment that is not whole and every
   // one after it: what a run wrote once it was killed or its volume full.
   void RemoveCutSegments(int from) const;

@@ -68,7 +68,9 @@ void SweepSessionsOf(const std::string& type, unsigned long idleSeconds,
     const time_t last = LastUse(link, entry);
     if (last > now || static_cast<unsigned long>(now - last) < idleSeconds) continue;
     if (Running(entry)) continue;
-    if (!session::Remove(type, name)) continue;
+    // Once: nothing writes into an abandoned session, and what cannot be
+    // removed now (not this user's) would only hold up the open.
+    if (!session::Remove(type, name, 1)) continue;
     LibReelhall::TransLoading().ReleaseSession(type + "/" + name);
     removed->push_back(link);
   }
@@ -86,7 +88,7 @@ void SweepOrphansOf(const std::string& mount, const std::string& type,
     if (entry.kind == session::Entry::kMade && entry.dir == path) continue;
     struct stat info;
     if (lstat(path.c_str(), &info) != 0 || !Removable(info.st_uid)) continue;
-    if (session::RemoveTree(path)) removed->push_back(path);
+    if (session::RemoveTree(path, 1)) removed->push_back(path);
   }
 }
 

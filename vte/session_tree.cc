@@ -22,9 +22,6 @@ constexpr char kHttpType[] = "HTTP";
 // Below a volume's mount path.
 constexpr char kVolumeTree[] = "/@tmp/Reelhall";
 constexpr mode_t kStickyMode = 01777;
-// A transcoder may still be writing while its session is removed; it ends
-// within a few seconds of its monitor's signal.
-constexpr int kRemoveAttempts = 30;
 constexpr long kRemovePauseNs = 100 * 1000 * 1000;
 
 // The path a link holds, "" when it cannot be read.
@@ -151,7 +148,7 @@ bool CreateLink(const std::string& type, const std::string& id, const std::strin
   return false;
 }
 
-bool RemoveTree(const std::string& path) {
+bool RemoveTree(const std::string& path, int attempts) {
   // The transcoder runs as root and leaves root's files and directories in
   // the session; a process that can raise to root removes them as root (the
   // tree has been checked, and rm follows no link inside it).
@@ -161,7 +158,7 @@ bool RemoveTree(const std::string& path) {
   const auto remove = [&path] {
     OLIBCExec(librh::machine::kRemoveProgram, "-rf", path.c_str(), nullptr, nullptr);
   };
-  for (int attempt = 0; attempt < kRemoveAttempts; ++attempt) {
+  for (int attempt = 0; attempt < attempts; ++attempt) {
     if (raise) {
       IF_RUN_AS(0, 0) { remove(); }
     } else {
@@ -171,22 +168,22 @@ bool RemoveTree(const std::string& path) {
     if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) return true;
     // rm found a file that appeared after it had read the directory.
     struct timespec pause = {0, kRemovePauseNs};
-    nanosleep(&pause, nullptr);
+    if (attempt + 1 < attempts) nanosleep(&pause, nullptr);
   }
   return false;
 }
 
-bool Remove(const std::string& type, const std::string& id) {
+bool Remove(const std::string& type, const std::string& id, int attempts) {
   const Entry entry = Inspect(type, id);
   if (entry.kind != Entry::kMade) return false;
   const std::string path = TypeDir(type) + "/" + id;
-  if (type == kHttpType) return RemoveTree(path);
+  if (type == kHttpType) return RemoveTree(path, attempts);
   unlink(path.c_str());
   if (entry.dir.empty()) return true;
   // Moved aside first: a transcoder that writes to the volume directory by
   // its own path (Smooth fragments) can then create nothing in it either.
   const std::string aside = entry.dir.substr(0, entry.dir.rfind('/')) + "/." + id + ".removing";
-  return RemoveTree(rename(entry.dir.c_str(), aside.c_str()) == 0 ? aside : entry.dir);
+  return RemoveTree(rename(entry.dir.c_str(), aside.c_str()) == 0 ? aside : entry.dir, attempts);
 }
 
 }  // namespace session

@@ -58,15 +58,20 @@ bool Usable(const Entry& entry);
 bool CreateLink(const std::string& type, const std::string& id, const std::string& volumeDir,
                 bool exclusive);
 
+// A transcoder may still be writing while its session is removed; it ends
+// within a few seconds of its monitor's signal.
+inline constexpr int kRemoveAttempts = 30;
+
 // Removes a session the library made: its link first, so that a transcoder
 // writing through it can create nothing more, then its volume directory,
-// moved aside and deleted until it is gone; an "HTTP" session's directory.
-// False, touching nothing, for anything else.
-bool Remove(const std::string& type, const std::string& id);
+// moved aside and deleted until it is gone (at most `attempts` times); an
+// "HTTP" session's directory. False, touching nothing, for anything else.
+bool Remove(const std::string& type, const std::string& id, int attempts = kRemoveAttempts);
 
 // Deletes the tree `path` (with "/bin/rm -rf", which follows no link in
-// it), again while files keep appearing in it; true once it is gone.
-bool RemoveTree(const std::string& path);
+// it), again while files keep appearing in it, at most `attempts` times;
+// true once it is gone.
+bool RemoveTree(const std::string& path, int attempts = kRemoveAttempts);
 
 }  // namespace session
 }  // namespace LibOrvoVTE
