@@ -2,8 +2,10 @@
 // with ("fds 0 1 2 ...") and then its arguments, one per line, to the file
 // named by ORVOTEST_RECORD (whole, by rename, so a reader never sees half),
 // then lingers ORVOTEST_RECORD_LINGER_MS milliseconds so that a test can
-// look at it while it runs.
+// look at it while it runs; with ORVOTEST_RECORD_DEAF set it lingers deaf to
+// SIGINT and SIGTERM, as a hung transcoder would.
 #include <dirent.h>
+#include <signal.h>
 #include <time.h>
 
 #include <algorithm>
@@ -16,6 +18,10 @@
 int main(int argc, char** argv) {
   const char* record = getenv("ORVOTEST_RECORD");
   if (record == nullptr) return 2;
+  if (getenv("ORVOTEST_RECORD_DEAF") != nullptr) {
+    signal(SIGINT, SIG_IGN);
+    signal(SIGTERM, SIG_IGN);
+  }
 
   // Listed before this program opens anything of its own.
   std::vector<int> fds;

@@ -309,15 +309,16 @@ TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
   EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "k")));
 }
 
-// How a run ends, with a stand-in transcoder that would otherwise linger
-// for a minute: Close, the idle rule, a signal to the monitor. Bad
-// fragment ids meanwhile restart nothing and reach nothing outside.
-TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalAndShrugsOffBadIds) {
+// How a run ends, with a hung stand-in transcoder that would otherwise
+// linger for a minute, deaf to SIGINT and SIGTERM: Close, the idle rule, a
+// signal to the monitor. Whatever ends the monitor kills the transcoder and
+// frees its transcoding slot.
+TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
   const std::string program = Root().At(librh::machine::kPackageFFmpeg);
   fs::create_directories(fs::path(program).parent_path());
   fs::create_symlink(orvotest::StandInProgram(), program);
   const std::string record = Root().At("/record");
-  orvotest::ArmStandIn(record, 60000);
+  orvotest::ArmStandIn(record, 60000, true);
 
   for (const std::string ending : {"close", "idle", "signal"}) {
     Open(orvotest::Media::kH264AacMp4, ending);
@@ -333,21 +334,6 @@ TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalAndShrugsOffBadIds) {
       ASSERT_GE(run.argv.size(), 4u);
       EXPECT_EQ(run.argv[1] + " " + run.argv[2] + " " + run.argv[3], "-ss 0 -i");
       EXPECT_EQ(run.argv.back(), fs::read_symlink(SessionPath("SS", ending)).string() + "/smooth");
-
-      // Malformed ids count as time 0, where the run already starts; ids
-      // that aim outside are refused outright.
-      for (const std::string bad : {"garbage", "a/b/c", "QualityLevels(200000)/Fragments(text=5)",
-                                    "QualityLevels(200000)/Fragments(video=abc)"}) {
-        EXPECT_EQ(Request(ending, bad, false), "ok") << bad;
-      }
-      for (const std::string outside : {"../video_metadata", "QualityLevels(200000)/../../seek_time",
-                                        "/etc/passwd", "QualityLevels(200000)//Fragments(video=0)"}) {
-        EXPECT_EQ(Request(ending, outside), "failed") << outside;
-      }
-      EXPECT_EQ(ReadFile(SessionPath("SS", ending, "seek_time")), "0");
-      EXPECT_EQ(orvotest::RecordedPid(SessionPath("SS", ending, "monitor.pid")), monitor);
-      EXPECT_EQ(orvotest::RegistryPids(), std::vector<int>{transcoder});
-
       EXPECT_EQ(orvotest::RunInChild([&] { return SmoothStream(ending).Close() ? 0 : 1; }), 0);
     } else if (ending == "idle") {
       const std::string access = SessionPath("SS", ending, "access_status");

@@ -57,7 +57,9 @@ class AdaptStream : public VTEStream {
   int TryStartLock() const;
   // Whether a restart once took the lock and none is pending now.
   bool IsStartLockFree() const;
-  // Whether `fragmentFile` is missing and no monitor runs to write it.
+  // Whether `fragmentFile` is missing and no monitor runs to write it: none
+  // runs, or the one that runs recorded itself before the newest restart
+  // announced its run.
   bool NoRunWillWrite(const std::string& fragmentFile) const;
   // Whether the run the newest restart announced will never write
   // `fragmentFile`: its request died before the monitor recorded itself, or

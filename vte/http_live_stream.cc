@@ -4,11 +4,8 @@
 #include "vte/http_live_stream.h"
 
 #include <fcntl.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -19,8 +16,8 @@
 #include "platform/olibc.h"
 #include "platform/volume.h"
 #include "vte/hls_playlists.h"
+#include "vte/monitor_loop.h"
 #include "vte/transcoder_process.h"
-#include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -40,17 +37,15 @@ constexpr char kSegmentPattern[] = "slice-%05d.ts";
 
 // Without client access for this long a monitor gives the stream up.
 constexpr unsigned long kAccessTimeoutSeconds = 900;
-constexpr unsigned int kMonitorPollSeconds = 2;
 // How long an interrupted transcoder may take to write its last segment.
-constexpr int kStopGraceTenths = 10;
+constexpr int kStopGraceMs = 1000;
 
 // The GStreamer pipeline's muxer does not cut; the segmenter behind it
 // always makes 5-second segments, whatever the profile.
 constexpr int kSegmenterSeconds = 5;
 
-void SleepTenth() {
-  struct timespec tenth = {0, 100 * 1000 * 1000};
-  nanosleep(&tenth, nullptr);
+monitor::Children MonitorChildren(bool remux) {
+  return {&gPidHLSTransBin, &gPidHLSSegBin, !remux, kStopGraceMs, kLogTag};
 }
 
 void CloseIfOpen(int& fd) {
@@ -224,6 +219,7 @@ std::vector<std::string> HttpLiveStream::CalculateFFmpegArgument(
 
 void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   int pipeFds[2] = {-1, -1};
+  bool idle = false;
   // Opened here: after fork the children make only async-signal-safe calls
   // until they exec (the monitor has no threads, so what the transcoder's
   // own exec path allocates is safe too).
@@ -245,10 +241,10 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
     const std::string gstLaunch = librh::machine::Resolve(librh::machine::kPackageGstLaunch);
 
-    const pid_t monitor = getpid();
+    const pid_t monitorPid = getpid();
     gPidHLSTransBin = fork();
     if (gPidHLSTransBin == 0) {
-      transcoder::DieWithMonitor(monitor);
+      transcoder::DieWithMonitor(monitorPid);
       ResetChildSignals(devNull);
       if (gstreamer_) {
         close(pipeFds[0]);
@@ -266,7 +262,7 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
     if (gstreamer_) {
       gPidHLSSegBin = fork();
       if (gPidHLSSegBin == 0) {
-        transcoder::DieWithMonitor(monitor);
+        transcoder::DieWithMonitor(monitorPid);
         ResetChildSignals(devNull);
         close(pipeFds[1]);
         ExecuteSegmenter(pipeFds[0], static_cast<int>(seekTime_ / kSegmenterSeconds));
@@ -283,35 +279,21 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
       CloseIfOpen(pipeFds[1]);
     }
 
-    for (;;) {
-      int status = 0;
-      const pid_t reaped = waitpid(-1, &status, WNOHANG);
-      if (reaped < 0) {
-        if (errno == EINTR) continue;
-        break;
-      }
-      if (reaped > 0 && reaped == gPidHLSTransBin) {
-        if (!remux_) LibReelhall::TransLoading().RemoveTransPIDLock(reaped);
-        gPidHLSTransBin = 0;
-        break;
-      }
-      // A segmenter that ended before its transcoder is not stopped again.
-      if (reaped > 0 && reaped == gPidHLSSegBin) gPidHLSSegBin = 0;
+    monitor::Supervise(MonitorChildren(remux_), gHLSSignal, [this, &idle] {
       if (VTEIsTimeout(kAccessTimeoutSeconds)) {
         ORVO_LOG(LOG_ERR, "time out for access [%d seconds]",
                  static_cast<int>(kAccessTimeoutSeconds));
-        RemoveTransDir();
-        break;
+        idle = true;
+        return true;
       }
-      if (gHLSSignal) break;
       // A transcoder on a full volume only leaves empty segments behind.
       if (VolumeFull(GetVTEFileFullPath(""))) {
         ORVO_LOG(LOG_ERR, "No space left for stream [%s]: transcoding stopped",
                  streamId_.c_str());
-        break;
+        return true;
       }
-      sleep(kMonitorPollSeconds);
-    }
+      return false;
+    });
   } while (false);
   CloseIfOpen(pipeFds[0]);
   CloseIfOpen(pipeFds[1]);
@@ -322,6 +304,8 @@ void HttpLiveStream::ExecuteMointer(const std::string& fragmentId) {
   // instead of getting them.
   int fragment = 0;
   if (ParseFragment(fragmentId, &fragment)) RemoveCutSegments(fragment);
+  // Only once the transcoder has stopped writing into it.
+  if (idle) RemoveTransDir();
 }
 
 void HttpLiveStream::ClearCutSegments() const {
@@ -356,30 +340,7 @@ bool HttpLiveStream::ExecuteSegmenter(int readFd, int startNumber) {
   return false;
 }
 
-void HttpLiveStream::WaitAllChild() const {
-  if (gPidHLSTransBin > 0) {
-    const pid_t pid = gPidHLSTransBin;
-    kill(pid, SIGINT);
-    if (!remux_) LibReelhall::TransLoading().RemoveTransPIDLock(pid);
-    // Up to a second for the last segment; most transcoders stop sooner.
-    bool reaped = false;
-    for (int tenth = 0; tenth < kStopGraceTenths && !reaped; ++tenth) {
-      SleepTenth();
-      reaped = waitpid(pid, nullptr, WNOHANG) == pid;
-    }
-    if (!reaped) {
-      ORVO_LOG(LOG_ERR, "Force Kill Transcoding Process %d", static_cast<int>(pid));
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    gPidHLSTransBin = 0;
-  }
-  if (gPidHLSSegBin > 0) {
-    const pid_t pid = gPidHLSSegBin;
-    kill(pid, SIGINT);
-    if (waitpid(pid, nullptr, 0) == pid) gPidHLSSegBin = 0;
-  }
-}
+void HttpLiveStream::WaitAllChild() const { monitor::Stop(MonitorChildren(remux_)); }
 
 void HttpLiveStream::MointerSignalHandler(int /*signalNumber*/) { gHLSSignal = 1; }
 

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,9 +17,9 @@
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "vte/monitor_loop.h"
 #include "vte/session_tree.h"
 #include "vte/transcoder_process.h"
-#include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -47,8 +46,10 @@ constexpr char kFragmentSeconds[] = "5";
 // starting one there.
 constexpr long long kSeekDistance = 50 * kUnitsPerSecond;
 constexpr int kReadTries = 60;
-constexpr int kMonitorPollSeconds = 2;
 constexpr unsigned long kIdleSeconds = 900;
+// How long an interrupted transcoder may take to finish its fragment; less
+// than a restart waits for the monitor it replaces.
+constexpr int kStopGraceMs = 3000;
 // Fragment names are read through a 128-byte buffer, as they always have
 // been: a longer name is read as cut there.
 constexpr size_t kFragmentNameLimit = 127;
@@ -150,9 +151,8 @@ bool CutFragment(const std::string& path) {
   return !whole;
 }
 
-void ForgetTranscoder(pid_t pid) {
-  LibReelhall::TransLoading registry;
-  registry.RemoveTransPIDLock(pid);
+monitor::Children MonitorChildren() {
+  return {&gPidSSFFMPEG, nullptr, true, kStopGraceMs, kLogTag};
 }
 
 }  // namespace
@@ -388,10 +388,10 @@ void SmoothStream::ExecuteMointer(const std::string& fragmentId) {
   if (seekTime >= 0 && !arguments.empty()) {
     const std::string output = FragmentOutput(type_, streamId_);
     const std::string program = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
-    const pid_t monitor = getpid();
+    const pid_t monitorPid = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
-      transcoder::DieWithMonitor(monitor);
+      transcoder::DieWithMonitor(monitorPid);
       signal(SIGINT, SIG_DFL);
       signal(SIGTERM, SIG_DFL);
       ExecuteTranscoding(seekTime, hardware_, arguments, output, program);
@@ -400,38 +400,19 @@ void SmoothStream::ExecuteMointer(const std::string& fragmentId) {
     if (pid > 0) gPidSSFFMPEG = pid;
   }
 
-  while (true) {
-    const pid_t reaped = waitpid(-1, nullptr, WNOHANG);
-    if (reaped == -1) break;
-    if (reaped > 0 && reaped == gPidSSFFMPEG) {
-      // Finished: its fragments stay readable until the session closes.
-      ForgetTranscoder(reaped);
-      gPidSSFFMPEG = 0;
-      break;
-    }
-    if (VTEIsTimeout(kIdleSeconds)) {
-      ORVO_LOG(LOG_ERR, "time out for access [%d seconds]", static_cast<int>(kIdleSeconds));
-      RemoveTransDir();
-      break;
-    }
-    if (gSSSignal) break;
-    sleep(kMonitorPollSeconds);
-  }
+  bool idle = false;
+  monitor::Supervise(MonitorChildren(), gSSSignal, [this, &idle] {
+    if (!VTEIsTimeout(kIdleSeconds)) return false;
+    ORVO_LOG(LOG_ERR, "time out for access [%d seconds]", static_cast<int>(kIdleSeconds));
+    idle = true;
+    return true;
+  });
   WaitAllChild();
+  // Only once the transcoder has stopped writing into it.
+  if (idle) RemoveTransDir();
 }
 
-void SmoothStream::WaitAllChild() {
-  if (gPidSSFFMPEG < 1) return;
-  kill(gPidSSFFMPEG, SIGINT);
-  while (gPidSSFFMPEG >= 1) {
-    const pid_t reaped = wait(nullptr);
-    if (reaped == -1) return;
-    if (reaped == gPidSSFFMPEG) {
-      ForgetTranscoder(reaped);
-      gPidSSFFMPEG = 0;
-    }
-  }
-}
+void SmoothStream::WaitAllChild() { monitor::Stop(MonitorChildren()); }
 
 void SmoothStream::MointerSignalHandler(int) { gSSSignal = 1; }
 

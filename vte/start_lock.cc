@@ -2,6 +2,7 @@
 // tells a restart under way from one that died before its monitor started.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -15,8 +16,27 @@ namespace {
 
 constexpr char kStartLockFile[] = "start_lock";
 constexpr mode_t kStartLockMode = 0660;
-// As long as a request waits for its fragment.
-constexpr int kStartLockTenths = 600;
+// As long as a request waits for its fragment, looking often enough to take
+// the turn within tens of milliseconds of its release.
+constexpr int kStartLockTickMs = 20;
+constexpr int kStartLockTicks = 60 * 1000 / kStartLockTickMs;
+// Where a restart announces the run it starts, and where the run's monitor
+// records itself.
+constexpr char kSeekTimeFile[] = "seek_time";
+constexpr char kMonitorPidFile[] = "monitor.pid";
+
+// Whether `later` was last written no earlier than `earlier`, or `earlier`
+// was never written.
+bool WrittenSince(const std::string& later, const std::string& earlier) {
+  struct stat first;
+  struct stat second;
+  if (stat(earlier.c_str(), &first) != 0) return true;
+  if (stat(later.c_str(), &second) != 0) return false;
+  if (second.st_mtim.tv_sec != first.st_mtim.tv_sec) {
+    return second.st_mtim.tv_sec > first.st_mtim.tv_sec;
+  }
+  return second.st_mtim.tv_nsec >= first.st_mtim.tv_nsec;
+}
 
 }  // namespace
 
@@ -25,10 +45,10 @@ int AdaptStream::TakeStartLock() const {
   const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kStartLockMode);
   if (fd < 0) return -1;
   // Polled, so that a turn held by a stuck request is not waited for longer.
-  for (int tenth = 0; tenth < kStartLockTenths; ++tenth) {
+  for (int tick = 0; tick < kStartLockTicks; ++tick) {
     if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
     if (errno != EWOULDBLOCK && errno != EINTR) break;
-    struct timespec wait = {0, 100 * 1000 * 1000};
+    struct timespec wait = {0, kStartLockTickMs * 1000 * 1000};
     nanosleep(&wait, nullptr);
   }
   close(fd);
@@ -52,7 +72,13 @@ bool AdaptStream::IsStartLockFree() const {
 }
 
 bool AdaptStream::NoRunWillWrite(const std::string& fragmentFile) const {
-  return !VerifyFileExist(fragmentFile, 0) && !IsFFmpegRun();
+  if (VerifyFileExist(fragmentFile, 0)) return false;
+  // Only the monitor of the run the newest restart announced writes what
+  // was asked for: it records itself after the announcement. One recorded
+  // before is a run that restart is stopping, or has given up stopping
+  // because its request died on the way.
+  return !IsFFmpegRun() || !WrittenSince(GetVTEFileFullPath(kMonitorPidFile),
+                                         GetVTEFileFullPath(kSeekTimeFile));
 }
 
 bool AdaptStream::IsStartAbandoned(const std::string& fragmentFile) const {

@@ -1,18 +1,16 @@
 // The WebM progressive stream and its monitor process.
 #include <fcntl.h>
 #include <syslog.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <exception>
 
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "vte/http_stream.h"
+#include "vte/monitor_loop.h"
 #include "vte/transcoder_process.h"
-#include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -22,6 +20,8 @@ int gPidWEBMFFMPEG = 0;
 
 namespace {
 
+constexpr char kLogTag[] = "webm_stream";
+
 // The package's transcoder build starts its output at this second; the
 // input side is seeked with "-ss" as for every stream.
 constexpr char kSeekOption[] = "-webm_seek_time";
@@ -29,13 +29,13 @@ constexpr char kSeekOption[] = "-webm_seek_time";
 // the first keyframe.
 constexpr char kAvoidNegativeOption[] = "-avoid_negative_ts";
 
-constexpr unsigned int kMonitorPollSeconds = 2;
+// How long an interrupted ffmpeg may take to finish the container, so that
+// the reader gets a well-formed end; less than a seek waits for the
+// monitor it replaces.
+constexpr int kStopGraceMs = 3000;
 
-void ForgetTranscoder(bool remux, pid_t pid) {
-  // A remux never took a slot.
-  if (remux) return;
-  LibReelhall::TransLoading registry;
-  registry.RemoveTransPIDLock(pid);
+monitor::Children MonitorChildren(bool remux) {
+  return {&gPidWEBMFFMPEG, nullptr, !remux, kStopGraceMs, kLogTag};
 }
 
 }  // namespace
@@ -136,10 +136,10 @@ void WebMStream::ExecuteMointer(int writeFd, unsigned long startSeconds) {
   }
   const std::string output = "pipe:" + std::to_string(writeFd);
 
-  const pid_t monitor = getpid();
+  const pid_t monitorPid = getpid();
   const pid_t child = fork();
   if (child == 0) {
-    transcoder::DieWithMonitor(monitor);
+    transcoder::DieWithMonitor(monitorPid);
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
     ExecuteTranscoding(static_cast<long>(startSeconds), false, arguments, output, program);
@@ -151,34 +151,12 @@ void WebMStream::ExecuteMointer(int writeFd, unsigned long startSeconds) {
 
   // No idle time-out: the run ends with ffmpeg (the file ended or the reader
   // went away and the pipe broke) or with a signal to the monitor.
-  while (child > 0) {
-    const pid_t done = waitpid(-1, nullptr, WNOHANG);
-    if (done == -1) break;
-    if (done == child) {
-      ForgetTranscoder(remux_, child);
-      gPidWEBMFFMPEG = 0;
-      break;
-    }
-    if (gWEBMSignal) break;
-    sleep(kMonitorPollSeconds);
-  }
+  monitor::Supervise(MonitorChildren(remux_), gWEBMSignal, nullptr);
   WaitAllChild();
 }
 
-void WebMStream::WaitAllChild() const {
-  if (gPidWEBMFFMPEG <= 0) return;
-  const pid_t child = gPidWEBMFFMPEG;
-  // SIGINT lets ffmpeg finish the container before it exits.
-  kill(child, SIGINT);
-  pid_t done;
-  do {
-    done = wait(nullptr);
-  } while (done == -1 && errno == EINTR);
-  if (done == child) {
-    ForgetTranscoder(remux_, child);
-    gPidWEBMFFMPEG = 0;
-  }
-}
+// SIGINT lets ffmpeg finish the container before it exits.
+void WebMStream::WaitAllChild() const { monitor::Stop(MonitorChildren(remux_)); }
 
 void WebMStream::MointerSignalHandler(int) { gWEBMSignal = 1; }
 

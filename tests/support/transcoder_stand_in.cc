@@ -20,10 +20,11 @@ namespace orvotest {
 
 std::string StandInProgram() { return ORVOTEST_ARGV_RECORDER; }
 
-void ArmStandIn(const std::string& recordFile, int lingerMs) {
+void ArmStandIn(const std::string& recordFile, int lingerMs, bool deaf) {
   unlink(recordFile.c_str());
   setenv("ORVOTEST_RECORD", recordFile.c_str(), 1);
   setenv("ORVOTEST_RECORD_LINGER_MS", std::to_string(lingerMs).c_str(), 1);
+  deaf ? setenv("ORVOTEST_RECORD_DEAF", "1", 1) : unsetenv("ORVOTEST_RECORD_DEAF");
 }
 
 Recording ReadRecording(const std::string& recordFile, int timeoutSeconds) {

@@ -23,8 +23,9 @@ struct Recording {
 };
 
 // Makes stand-ins exec'd from now on by this process and its children write
-// to `recordFile` (removed here) and linger `lingerMs` afterwards.
-void ArmStandIn(const std::string& recordFile, int lingerMs = 0);
+// to `recordFile` (removed here) and linger `lingerMs` afterwards, ignoring
+// SIGINT and SIGTERM when `deaf`.
+void ArmStandIn(const std::string& recordFile, int lingerMs = 0, bool deaf = false);
 
 // What the stand-in wrote to `recordFile`, waiting at most `timeoutSeconds`
 // for it to appear.
