@@ -151,6 +151,7 @@ TEST_F(FaultTest, TranscoderKilled) {
   // The monitor sees its run end, unregisters it, clears what it cut short.
   EXPECT_TRUE(orvotest::Ends(monitor, 10000));
   EXPECT_FALSE(orvotest::Registered(transcoders[0]));
+  EXPECT_FALSE(orvotest::Exists(File("s", "monitor.pid")));
   EXPECT_EQ(CutSegments("s"), "");
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
   CloseAndRecord("s", "`kill -9` of the transcoder",

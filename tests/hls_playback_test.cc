@@ -101,7 +101,6 @@ TEST_F(HlsPlaybackTest, SegmentsInOrderThenAFarSeekRestartsTheRunThere) {
     return stream.Transcoding("00018") ? stream.ReadFragment("00018") : "<Transcoding failed>";
   }));
   EXPECT_EQ(padded, Slice(18));
-  EXPECT_EQ(Monitor(), seeker);
   EXPECT_EQ(Text("seek_time"), "16");
   EXPECT_NEAR(VideoStart(18) - first, 90.0, 0.15);
 
@@ -197,11 +196,9 @@ TEST_F(HlsPlaybackTest, RemuxedMp4RestartsOnAJumpOfMoreThanSevenSegments) {
   const double first = VideoStart(0);
   EXPECT_EQ(Segment("s", 1), Slice(1));
   EXPECT_NEAR(VideoStart(1) - first, 8.0, 0.15);
-  const int monitor = Monitor();
 
   EXPECT_EQ(Segment("s", 9), Slice(9));
   EXPECT_EQ(Text("seek_time"), "9");
-  EXPECT_NE(Monitor(), monitor);
   EXPECT_NEAR(VideoStart(9) - first, 72.0, 0.15);
   EXPECT_EQ(Segment("s", 11), Slice(11));
   EXPECT_EQ(Text("seek_time"), "9");

@@ -122,7 +122,7 @@ TEST_F(AdaptStreamTest, SeekingStopsTheMonitorAndDeletesTheFragmentsThroughTheLi
       return 0;
     });
     ASSERT_GT(monitor, 0);
-    std::ofstream(link + "/monitor.pid") << monitor;
+    ASSERT_TRUE(stream.SaveMonitorPid(monitor, false));
 
     EXPECT_TRUE(stream.SeekingHandler()) << format;
     const bool ended = orvotest::Ends(monitor);

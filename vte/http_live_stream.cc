@@ -165,7 +165,10 @@ bool HttpLiveStream::Transcoding(const std::string& fragmentId) {
   // its monitor is the one to keep.
   const bool newest = CheckSequence() && SaveMonitorPid(getpid(), true);
   close(pending);
-  if (newest) ExecuteMointer(fragmentId);
+  if (newest) {
+    ExecuteMointer(fragmentId);
+    transcoder::ForgetMonitor(*this);
+  }
   // _exit: the exit handlers belong to the web request this was forked from.
   _exit(0);
 }

@@ -169,7 +169,7 @@ class SegmentStateTest : public HttpLiveStreamTest {
         for (;;) pause();
         return 0;
       });
-      std::ofstream(dir_ + "/monitor.pid") << monitor_;
+      stream_->SaveMonitorPid(monitor_, false);
     }
   }
 

@@ -14,6 +14,7 @@
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "vte/session_tree.h"
+#include "vte/utils/recorded_process.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -224,7 +225,7 @@ bool HttpStream::Transcoding(const std::string& transcoderPath, unsigned long st
   }
 
   // Grandchild: becomes the transcoder, whose pid Close finds in the session.
-  if (!SaveFile(pidFile, std::to_string(getpid()))) _exit(1);
+  if (!RecordProcess(pidFile, getpid())) _exit(1);
   if (gstreamer_) {
     const std::vector<std::string> sink = {"fdsink", "fd=" + std::to_string(ends[1])};
     ExecuteGstreamerTranscoding(seek, sink, transcoderPath, true);
@@ -262,12 +263,13 @@ bool HttpStream::Close() {
   bool closed = false;
   try {
     if (!streamId_.empty()) {
-      const std::string pidText = ReadFile(GetVTEFileFullPath(kMonitorPidFile));
-      if (!pidText.empty()) {
-        const int pid = static_cast<int>(strtol(pidText.c_str(), nullptr, 10));
-        KillProcess(pid);
+      // A pid that another process has taken since the transcoder ended
+      // is neither signalled nor unregistered.
+      const RecordedProcess transcoder(GetVTEFileFullPath(kMonitorPidFile));
+      if (transcoder.IsRecorded()) {
+        transcoder.Signal(SIGTERM);
         LibReelhall::TransLoading registry;
-        registry.RemoveTransPIDLock(pid);
+        registry.RemoveTransPIDLock(transcoder.Pid());
       }
       // Also after a failed Init, which leaves an "HTTP" directory behind.
       if (!GetVTEFileFullPath("").empty()) session::Remove(type_, streamId_);

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <ctime>
 
-#include "platform/olibc.h"
 #include "platform/volume.h"
 #include "vte/session_tree.h"
+#include "vte/utils/recorded_process.h"
 #include "vte/utils/trans_loading.h"
 
 namespace LibOrvoVTE {
@@ -53,8 +53,8 @@ time_t LastUse(const std::string& link, const session::Entry& entry) {
 
 bool Running(const session::Entry& entry) {
   if (entry.dir.empty()) return false;
-  const std::string pidFile = entry.dir + "/" + kMonitorPidFile;
-  return OLIBCProcAlive(OLIBCReadPidFile(pidFile.c_str()));
+  // A pid another process has taken since the monitor ended keeps nothing.
+  return RecordedProcess(entry.dir + "/" + kMonitorPidFile).IsRunning();
 }
 
 void SweepSessionsOf(const std::string& type, unsigned long idleSeconds,

@@ -345,7 +345,10 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
     signal(SIGTERM, MointerSignalHandler);
     const bool saved = SaveMonitorPid(getpid(), true);
     close(recorded[1]);
-    if (saved) ExecuteMointer(fragmentId);
+    if (saved) {
+      ExecuteMointer(fragmentId);
+      transcoder::ForgetMonitor(*this);
+    }
     // _exit: the exit handlers belong to the request this was forked from.
     _exit(0);
   } catch (const std::exception&) {

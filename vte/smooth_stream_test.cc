@@ -135,7 +135,7 @@ TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStarted) {
   SmoothStream stream("req");
   Stage("0", {0, 50000000, 100000000});
   // A live monitor: this test's own process.
-  SaveFile(File("monitor.pid"), std::to_string(getpid()));
+  ASSERT_TRUE(stream.SaveMonitorPid(getpid(), false));
   const struct {
     std::string id;
     unsigned int ahead;

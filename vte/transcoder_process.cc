@@ -22,6 +22,7 @@
 #include "platform/run_as.h"
 #include "vte/liborvovte.h"
 #include "vte/session_tree.h"
+#include "vte/utils/recorded_process.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -35,7 +36,7 @@ constexpr char kMonitorLockFile[] = "filelock";
 // Web-API processes of other users replace the monitor too.
 constexpr mode_t kMonitorLockMode = 0660;
 // A replaced monitor gets this long to stop its children and go.
-constexpr int kOldMonitorWaits = 5;
+constexpr int kOldMonitorWaitMs = 5000;
 
 // The platform's hardware decoding path, which is left off for flv sources
 // and for rotated pictures.
@@ -94,10 +95,19 @@ void ArmDeathWithMonitor() {
   if (getppid() != gMonitor) _exit(1);
 }
 
-// The decimal pid in a pid file, -1 when it holds nothing.
-int ParsePid(const std::string& text) {
-  if (text.empty()) return -1;
-  return static_cast<int>(strtol(text.c_str(), nullptr, 10));
+// The session's "filelock", opened and locked with `operation` (LOCK_EX,
+// or LOCK_EX | LOCK_NB); -1 when it cannot be had.
+int LockMonitorRecord(const std::string& lockPath, int flags, int operation) {
+  if (lockPath.empty()) return -1;
+  const int fd = open(lockPath.c_str(), flags | O_CLOEXEC, kMonitorLockMode);
+  if (fd < 0) return -1;
+  int locked;
+  do {
+    locked = flock(fd, operation);
+  } while (locked != 0 && errno == EINTR);
+  if (locked == 0) return fd;
+  close(fd);
+  return -1;
 }
 
 }  // namespace
@@ -169,6 +179,20 @@ void DieWithMonitor(pid_t monitor) {
   ArmDeathWithMonitor();
 }
 
+void ForgetMonitor(const VTEStream& stream) {
+  // Never waited for: a request that holds the lock may be waiting for
+  // this very process to end, and it replaces the record or, once this
+  // process has ended, removes it itself.
+  const int fd =
+      LockMonitorRecord(stream.GetVTEFileFullPath(kMonitorLockFile), O_RDONLY, LOCK_EX | LOCK_NB);
+  if (fd < 0) return;
+  const std::string pidPath = stream.GetVTEFileFullPath(kMonitorPidFile);
+  const RecordedProcess recorded(pidPath);
+  if (recorded.IsRecorded() && recorded.Pid() == getpid()) RemoveProcessRecord(pidPath);
+  flock(fd, LOCK_UN);
+  close(fd);
+}
+
 }  // namespace transcoder
 
 bool VTEStream::ExecuteTranscoding(long seekSeconds, bool copyTimestamps,
@@ -213,26 +237,22 @@ bool VTEStream::ExecuteTranscoding(long seekSeconds, bool copyTimestamps,
 }
 
 bool VTEStream::SaveMonitorPid(int pid, bool waitForOld) const {
-  const std::string lockPath = GetVTEFileFullPath(kMonitorLockFile);
-  if (lockPath.empty()) return false;
-  const int fd = open(lockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kMonitorLockMode);
+  const int fd =
+      LockMonitorRecord(GetVTEFileFullPath(kMonitorLockFile), O_RDONLY | O_CREAT, LOCK_EX);
   if (fd < 0) return false;
-  int locked;
-  do {
-    locked = flock(fd, LOCK_EX);
-  } while (locked != 0 && errno == EINTR);
-  if (locked != 0) {
-    close(fd);
-    return false;
-  }
 
   const std::string pidPath = GetVTEFileFullPath(kMonitorPidFile);
-  const int old = ParsePid(ReadFile(pidPath));
-  KillProcess(old);
-  if (pid > 0) SaveFile(pidPath, std::to_string(pid));
-  if (waitForOld && old > 0) {
-    for (int waits = 0; waits < kOldMonitorWaits && OLIBCProcAlive(old); ++waits) sleep(1);
-  }
+  // A pid that another process has taken since the recorded one ended is
+  // left alone.
+  const RecordedProcess old(pidPath);
+  old.Signal(SIGTERM);
+  if (pid > 0) RecordProcess(pidPath, pid);
+  bool oldEnded = !old.IsRunning();
+  if (waitForOld && old.IsRecorded()) oldEnded = old.WaitForEnd(kOldMonitorWaitMs);
+  // Nobody replaces a monitor that has ended (or a record naming no
+  // process of ours): its record goes, as the monitor could not remove it
+  // while this held the lock.
+  if (pid <= 0 && oldEnded) RemoveProcessRecord(pidPath);
 
   flock(fd, LOCK_UN);
   close(fd);
@@ -244,8 +264,7 @@ bool VTEStream::IsFFmpegRun() const {
     ORVO_LOG(LOG_ERR, "Bad parameter");
     return false;
   }
-  const int pid = ParsePid(ReadFile(GetVTEFileFullPath(kMonitorPidFile)));
-  return pid > 0 && OLIBCProcAlive(pid);
+  return RecordedProcess(GetVTEFileFullPath(kMonitorPidFile)).IsRunning();
 }
 
 bool VTEStream::CloseStreamCommon() {

@@ -6,6 +6,9 @@
 #include <vector>
 
 namespace LibOrvoVTE {
+
+class VTEStream;
+
 namespace transcoder {
 
 // Records the calling process in the load registry as a running transcoder
@@ -65,6 +68,12 @@ void DetachFromCaller(int kept);
 // ExecAsRoot keeps the signal across its raise to root and the exec, for
 // which the child takes root as its real ids too.
 void DieWithMonitor(pid_t monitor);
+
+// For a monitor about to exit, its children stopped: removes the session's
+// record of the monitor when it still names this process, so the pid is
+// not taken for the monitor once another process has it. Leaves the record
+// to a request that is replacing it at that moment.
+void ForgetMonitor(const VTEStream& stream);
 
 }  // namespace transcoder
 }  // namespace LibOrvoVTE

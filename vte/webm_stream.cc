@@ -85,6 +85,7 @@ bool WebMStream::Transcoding(const std::string& transcoderPath, unsigned long st
   signal(SIGTERM, MointerSignalHandler);
   if (SaveMonitorPid(getpid(), true)) {
     ExecuteMointer(ends[1], startSeconds);
+    transcoder::ForgetMonitor(*this);
   } else {
     close(ends[1]);
   }

@@ -38,18 +38,6 @@ std::string ReadBytes(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Polls for the raw wait status so a death by signal can be told apart from
-// an exit; kills and reaps the child when it outlives the deadline.
-bool WaitRawStatus(pid_t pid, int timeoutSeconds, int& status) {
-  for (int waitedMs = 0; waitedMs < timeoutSeconds * 1000; waitedMs += 10) {
-    if (waitpid(pid, &status, WNOHANG) == pid) return true;
-    usleep(10 * 1000);
-  }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-  return false;
-}
-
 int SleepForAWhile() {
   for (int i = 0; i < 300; ++i) usleep(100 * 1000);
   return 0;
@@ -175,16 +163,6 @@ TEST_F(VteUtilsTest, SaveFileReplacesTheWholeContentOrNothing) {
   }
   struct stat st;
   EXPECT_NE(0, stat(Scratch("never-created").c_str(), &st)) << "no empty file may appear";
-}
-
-TEST(KillProcessTest, TerminatesARealChildWithSigterm) {
-  pid_t child = orvotest::StartChild(SleepForAWhile);
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(0, KillProcess(child));
-  int status = 0;
-  ASSERT_TRUE(WaitRawStatus(child, 10, status)) << "the child ignored the signal";
-  ASSERT_TRUE(WIFSIGNALED(status));
-  EXPECT_EQ(SIGTERM, WTERMSIG(status));
 }
 
 volatile sig_atomic_t gTermReceived = 0;
