@@ -67,8 +67,7 @@ class SubtitleServiceTest : public orvotest::MachineRootTest {
  protected:
   void SetUp() override {
     MachineRootTest::SetUp();
-    const std::string self = fs::read_symlink("/proc/self/exe").string();
-    program_ = fs::path(self).parent_path().parent_path().string() + "/tools/subtitle-service";
+    program_ = ORVOTEST_SUBTITLE_SERVICE;
     ASSERT_EQ(0, access(program_.c_str(), X_OK)) << program_ << ": build subtitle-service";
     media_ = Root().At("/volume1/video");
     fs::create_directories(media_);

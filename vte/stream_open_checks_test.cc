@@ -55,13 +55,11 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The offline conversion service, played by the conversion-standin program
-// built beside this test program.
+// The offline conversion service, played by the conversion-standin program.
 class StandIn {
  public:
   explicit StandIn(std::vector<std::string> options) {
-    const fs::path tests = fs::read_symlink("/proc/self/exe").parent_path();
-    options.insert(options.begin(), tests.parent_path().string() + "/tools/conversion-standin");
+    options.insert(options.begin(), ORVOTEST_CONVERSION_STANDIN);
     if (access(options[0].c_str(), X_OK) != 0) {
       ADD_FAILURE() << options[0] << " is missing: build the conversion-standin target";
       return;

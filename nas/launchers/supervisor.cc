@@ -1,4 +1,4 @@
-#include "tools/launchers/supervisor.h"
+#include "nas/launchers/supervisor.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// The transcoder launchers (tools/launchers) in a machine root, and the
+// The transcoder launchers (nas/launchers) in a machine root, and the
 // means to run them and look at what they wrote.
 #pragma once
 
