@@ -3,12 +3,14 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "platform/test_seams.h"
 #include "vte/utils/json_utils.h"
 
 namespace {
@@ -21,6 +23,10 @@ namespace machine = librh::machine;
 // threaded, but the library may be linked into a threaded caller and a torn
 // std::string is not a benign race.
 std::mutex gHostPlatformMutex;
+
+// Set only by tests (platform/test_seams.h), which play many platforms in one
+// process.
+std::atomic<bool> gPlatformForgotten{false};
 
 // Splits at every `separator`; empty pieces are kept, so "a__b" gives three
 // pieces and "_" two.
@@ -134,6 +140,11 @@ bool ForceFFmpeg(bool braswell, bool monaco, const std::string& container,
 
 PlatformUtils& PlatformUtils::GetInst() {
   static PlatformUtils instance;
+  if (gPlatformForgotten.load(std::memory_order_acquire) && gPlatformForgotten.exchange(false)) {
+    std::lock_guard<std::mutex> hold(gHostPlatformMutex);
+    instance.platformName_ = instance.GetPlatformName();
+    instance.hostPlatformName_.clear();
+  }
   return instance;
 }
 
@@ -226,6 +237,12 @@ std::string PlatformUtils::GetTransPlatformName() {
 }
 
 }  // namespace util
+
+namespace seams {
+
+void ForgetPlatform() { gPlatformForgotten.store(true, std::memory_order_release); }
+
+}  // namespace seams
 }  // namespace librh
 
 namespace LibReelhall {

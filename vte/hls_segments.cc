@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/volume.h"
 #include "vte/http_live_stream.h"
@@ -111,7 +112,7 @@ std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
       ORVO_LOG(LOG_ERR, "ReadFragment: no run left to write file[%s]", fragmentId.c_str());
       break;
     }
-    sleep(1);
+    librh::waits::Sleep(1);
     if (!CheckSequence() || round == kReadRounds) break;
   }
   return "";

@@ -13,6 +13,7 @@
 #include <exception>
 #include <limits>
 
+#include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
@@ -246,7 +247,7 @@ std::string SmoothStream::ReadFragment(const std::string& fragmentId) {
       ORVO_LOG(LOG_ERR, "ReadFragment: timeout file[%s]", fragmentId.c_str());
       return "";
     }
-    sleep(1);
+    librh::waits::Sleep(1);
   }
   return GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
 }

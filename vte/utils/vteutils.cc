@@ -9,6 +9,7 @@
 
 #include <sstream>
 
+#include "platform/fixed_waits.h"
 #include "platform/run_as.h"
 
 namespace LibOrvoVTE {
@@ -137,8 +138,7 @@ bool VerifyFileExist(const std::string& path, unsigned int retries) {
       if (retries == 0) break;
       // Callers count on retries = N costing N+1 seconds: the last failed
       // test is still followed by a sleep.
-      struct timespec second = {1, 0};
-      nanosleep(&second, nullptr);
+      librh::waits::Sleep(1);
       if (++attempt > retries) break;
     }
   }
