@@ -18,6 +18,7 @@ extern "C" {
 
 #include "bench/timing.h"
 #include "metadata/video_metadata.h"
+#include "tests/support/child.h"
 #include "tests/support/test_media.h"
 
 namespace {

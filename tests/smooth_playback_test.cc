@@ -1,7 +1,6 @@
 // Smooth Streaming from end to end: sessions made by VTE_Init from generated
 // media, every web request in a process of its own as the web API runs
 // them, and the detached monitors and transcoders accounted for.
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 #include <utime.h>
@@ -164,28 +163,17 @@ class SmoothPlayback : public orvotest::MachineRootTest {
   }
 
   // One request: Transcoding, then ReadFragment unless `read` is false.
-  // "ok <path>" or "failed". The answer comes back through a file once the
-  // request has ended, whatever the processes it started still hold.
+  // "ok <path>" or "failed".
   std::string Request(const std::string& id, const std::string& fragment, bool read = true) {
-    const std::string answer = Root().At("/answer");
     const std::string chatter = Root().At("/transcoders.log");
-    fs::remove(answer);
-    const int status = orvotest::RunInChild(
+    return orvotest::TextFromChild(
         [&] {
-          // Monitors and transcoders inherit the request's output.
-          const int log = open(chatter.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-          dup2(log, STDOUT_FILENO);
-          dup2(log, STDERR_FILENO);
+          orvotest::SendOutputTo(chatter);
           SmoothStream stream(id);
-          std::string text = "failed";
-          if (stream.Transcoding(fragment)) {
-            text = read ? "ok " + stream.ReadFragment(fragment) : "ok";
-          }
-          std::ofstream(answer) << text;
-          return 0;
+          if (!stream.Transcoding(fragment)) return std::string("failed");
+          return read ? "ok " + stream.ReadFragment(fragment) : "ok";
         },
         kRequestSeconds);
-    return status == 0 ? Slurp(answer) : "<request failed>";
   }
 
   std::string Served(const std::string& id, const std::string& fragment) {

@@ -18,6 +18,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/support/child.h"
 #include "tests/support/launchers.h"
 #include "tests/support/test_media.h"
 

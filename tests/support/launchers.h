@@ -28,11 +28,6 @@ class LauncherTest : public MachineRootTest {
   std::string SessionDir(const std::string& name);
 };
 
-// Starts `argv` (argv[0] an absolute path) with stdin, stdout and stderr on
-// /dev/null; `inherited` descriptors stay open in it. The pid, or -1. The
-// caller reaps it (WaitForChild in child.h).
-pid_t StartProgram(const std::vector<std::string>& argv, const std::vector<int>& inherited = {});
-
 // Reads `fd` into `data` until end of file, or until `data` holds at least
 // `enough` bytes, for at most `timeoutMs` milliseconds. False when time ran out.
 bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough = std::string::npos);

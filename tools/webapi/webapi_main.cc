@@ -21,14 +21,12 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -43,6 +41,8 @@
 
 #include "platform/machine_root.h"
 #include "tools/webapi/http_request.h"
+#include "toolkit/child_process.h"
+#include "toolkit/query.h"
 #include "vte/adapt_stream.h"
 #include "vte/http_live_stream.h"
 #include "vte/http_stream.h"
@@ -57,7 +57,9 @@ constexpr char kStreamPath[] = "/api/stream";
 constexpr char kSubtitlePath[] = "/api/subtitle";
 constexpr char kDefaultDevice[] = "browser";
 // A subtitle window is converted in well under a second.
-constexpr int kSubtitleTimeoutMs = 30000;
+constexpr std::chrono::seconds kSubtitleTimeout{30};
+// Opening a run may wait a minute for a transcoding slot.
+constexpr std::chrono::seconds kRunStartTimeout{90};
 constexpr size_t kBrokenSegmentBytes = 188 * 16;
 
 // The web server's connection; fds 0-2 point elsewhere, so that nothing the
@@ -217,19 +219,13 @@ int FailOpen(const std::string& code) {
 
 // Runs `work` in a child whose copy of the response descriptor is closed:
 // the progressive run it starts then never holds the response open. The
-// child's exit status, -1 when it could not run.
+// child's exit status, -1 when it could not run or was late.
 int RunAwayFromResponse(const std::function<int()>& work) {
-  const pid_t pid = fork();
-  if (pid < 0) return -1;
-  if (pid == 0) {
-    close(gResponseFd);
-    _exit(work());
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return toolkit::WaitFor(toolkit::StartFunction([&work] {
+                            close(gResponseFd);
+                            return work();
+                          }),
+                          kRunStartTimeout);
 }
 
 // The progressive stream class of `type` ("HTTP" or "WEBM") for `id`.
@@ -572,43 +568,14 @@ int Subtitle(const Query& query) {
   const std::string path = MediaPath(name);
   if (path.empty()) return Fail(400, "bad_request");
   const std::string program = Env("WEBAPI_SUBTITLE_SERVICE");
-  const std::string target = Env("REQUEST_URI");
-  const std::string media = name + "=" + path;
-  const char* argv[] = {program.c_str(), "--media", media.c_str(), "--request", target.c_str(),
-                        nullptr};
-  int out[2];
-  if (program.empty() || pipe2(out, O_CLOEXEC) != 0) return Fail(500, "subtitle_failed");
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    execv(argv[0], const_cast<char* const*>(argv));
-    _exit(127);
-  }
-  close(out[1]);
+  if (program.empty()) return Fail(500, "subtitle_failed");
   std::string text;
-  bool timedOut = false;
-  if (pid > 0) {
-    pollfd ready = {out[0], POLLIN, 0};
-    char buffer[8192];
-    while (true) {
-      const int polled = poll(&ready, 1, kSubtitleTimeoutMs);
-      if (polled == 0) timedOut = true;
-      if (polled <= 0) break;
-      const ssize_t n = read(out[0], buffer, sizeof(buffer));
-      if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-    if (timedOut) kill(pid, SIGKILL);
-  }
-  close(out[0]);
-  int status = -1;
-  if (pid > 0) {
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-  }
-  if (pid < 0 || timedOut || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return Fail(404, "subtitle_not_found");
-  }
+  toolkit::Wiring wiring;
+  wiring.in = toolkit::kInherit;
+  const int status = toolkit::RunProgram(
+      {program, "--media", name + "=" + path, "--request", Env("REQUEST_URI")}, kSubtitleTimeout,
+      &text, wiring);
+  if (status != 0) return Fail(404, "subtitle_not_found");
   return Answer(200, "text/vtt; charset=utf-8", text);
 }
 
@@ -637,7 +604,7 @@ int main() {
 
   const std::string script = Env("SCRIPT_NAME");
   const std::string endpoint = script.substr(script.rfind('/') + 1);
-  const Query query = webapi::ParseQuery(Env("QUERY_STRING"));
+  const Query query = toolkit::ParseQuery(Env("QUERY_STRING"));
   const std::string method = Env("REQUEST_METHOD");
   // A page going away closes its stream with a beacon, which is a POST.
   if (method != "GET" && method != "HEAD" && !(method == "POST" && endpoint == "close")) {
