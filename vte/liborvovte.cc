@@ -13,6 +13,7 @@
 #include "platform/orvofs.h"
 #include "platform/volume.h"
 #include "vte/utils/md5.h"
+#include "vte/utils/session_path.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -134,7 +135,7 @@ bool VTEStream::CreateTmpDir(const std::string& streamId, const std::string& typ
   const std::string typeDir = TypeDir(type);
   if (!librh::critical::orvosdk::ORVOFSMkdirPReelhall(typeDir, 0777)) return false;
 
-  const std::string sessionDir = typeDir + "/" + streamId;
+  const std::string sessionDir = SessionFilePath(type, streamId, "");
   if (type == "HTTP") return librh::critical::orvosdk::ORVOFSMkdirPReelhall(sessionDir, 0777);
 
   const unsigned long long space =
@@ -179,10 +180,7 @@ bool GetTmpDir(unsigned long long neededBytes, const std::string& type,
 }
 
 std::string VTEStream::GetVTEFileFullPath(const std::string& name) const {
-  if (type_.empty() || streamId_.empty()) return "";
-  std::string path = TypeDir(type_) + "/" + streamId_;
-  if (!name.empty()) path += "/" + name;
-  return path;
+  return SessionFilePath(type_, streamId_, name);
 }
 
 bool VTEStream::IsRemux(const std::string& profileFile, const std::string& profileName) {

@@ -20,6 +20,16 @@ bool ParseCount(const std::string& text, long long* value) {
 
 }  // namespace
 
+std::string Env(const char* name) {
+  const char* value = getenv(name);
+  return value != nullptr ? value : "";
+}
+
+std::string Key(const Query& query, const char* name) {
+  const auto found = query.find(name);
+  return found == query.end() ? std::string() : found->second;
+}
+
 ByteRange ResolveRange(const std::string& header, long long length) {
   ByteRange range;
   const std::string prefix = "bytes=";

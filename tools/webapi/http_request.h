@@ -1,11 +1,18 @@
-// The parts of a CGI request that the web API reads, as pure functions of
-// the texts the web server hands over (HTTP_RANGE; QUERY_STRING is parsed by
-// toolkit/query.h).
+// The parts of a CGI request that the web API reads: the web server's
+// environment, the query (parsed by toolkit/query.h) and the Range header.
 #pragma once
 
+#include <map>
 #include <string>
 
 namespace webapi {
+
+// The web server's environment variable `name`, "" when unset.
+std::string Env(const char* name);
+
+using Query = std::map<std::string, std::string>;
+// The value of `name` in `query`, "" when absent.
+std::string Key(const Query& query, const char* name);
 
 // A single byte range of a resource `length` bytes long (RFC 7233).
 struct ByteRange {
