@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/hostile_table.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
@@ -26,11 +26,6 @@ using orvotest::Printable;
 constexpr char kHlsProfile[] = "hls_remux_h264_aac_ab128";
 constexpr char kSmoothProfile[] = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
-}
-
 class HostileInputTest : public orvotest::MachineRootTest {
  protected:
   // Files a hostile id would reach from a session directory.
@@ -39,8 +34,8 @@ class HostileInputTest : public orvotest::MachineRootTest {
     Root().WriteFile("/victim/keep", "keep");
   }
   bool VictimsIntact() {
-    return Slurp(Root().At(std::string(librh::machine::kTempRoot) + "/victim/keep")) == "keep" &&
-           Slurp(Root().At("/victim/keep")) == "keep";
+    return orvotest::ReadWholeFile(Root().At(std::string(librh::machine::kTempRoot) + "/victim/keep")) == "keep" &&
+           orvotest::ReadWholeFile(Root().At("/victim/keep")) == "keep";
   }
 
   // Creates and opens a session as two web requests would; "ok", or what
@@ -158,7 +153,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
     std::string outcome = result == "ok" ? "opens" : "Init fails, no playlist written";
     if (c.opens && result == "ok") {
       const std::string text =
-          Slurp(orvotest::SessionPath(c.type, id, c.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
+          orvotest::ReadWholeFile(orvotest::SessionPath(c.type, id, c.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
       if (c.type == "HLS") {
         EXPECT_NE(text.find(c.value), std::string::npos) << text;
       } else {
@@ -170,7 +165,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
       }
     } else if (!c.opens) {
       EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(c.type, id, id + ".m3u8")));
-      EXPECT_TRUE(Slurp(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
+      EXPECT_TRUE(orvotest::ReadWholeFile(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
     }
     HostileRow("query value (" + c.type + ")", "`" + c.key + "=" + Printable(c.value) + "`", outcome);
   }

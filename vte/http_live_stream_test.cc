@@ -15,6 +15,7 @@
 
 #include "decisions/argument_helper.h"
 #include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
@@ -323,8 +324,7 @@ TEST_F(HttpLiveStreamTest, PlaylistsNeedADurationAndSubtitlesAMasterPlaylist) {
   Session("s", Media::kH264AacMp4, kRemux);
   HttpLiveStream stream("s");
   ASSERT_TRUE(stream.GenVideoPlaylist(params));
-  std::ifstream written(stream.GetMainfest("", ""));
-  const std::string text((std::istreambuf_iterator<char>(written)), {});
+  const std::string text = orvotest::ReadWholeFile(stream.GetMainfest("", ""));
   EXPECT_EQ(text,
             "#EXTM3U\n#EXT-X-TARGETDURATION:8\n#EXT-X-MEDIA-SEQUENCE:0\n"
             "#EXTINF:2,\n/api/stream?format=hls&id=s&fragment_id=00000\n#EXT-X-ENDLIST\n");

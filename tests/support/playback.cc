@@ -1,3 +1,4 @@
+#include "tests/support/files.h"
 #include "tests/support/playback.h"
 
 #include <dirent.h>
@@ -41,8 +42,7 @@ std::vector<pid_t> ChildrenOf(pid_t parent) {
   while (const dirent* entry = readdir(proc)) {
     const pid_t pid = atoi(entry->d_name);
     if (pid <= 0) continue;
-    std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
-    const std::string stat((std::istreambuf_iterator<char>(in)), {});
+    const std::string stat = ReadWholeFile("/proc/" + std::string(entry->d_name) + "/stat");
     const size_t end = stat.rfind(')');
     char state = 0;
     int ppid = 0;
@@ -83,8 +83,7 @@ void PlaybackTest::TearDown() {
     ChildrenEnded(2);
   }
   if (HasFailure()) {
-    std::ifstream in(requestLog_);
-    const std::string log((std::istreambuf_iterator<char>(in)), {});
+    const std::string log = ReadWholeFile(requestLog_);
     std::cerr << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
   }
   root_.reset();

@@ -1,3 +1,4 @@
+#include "tests/support/files.h"
 #include "tests/support/stream_watch.h"
 
 #include <dirent.h>
@@ -12,8 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -36,8 +35,7 @@ constexpr int kEndSeconds = 15;
 // The parent pid in /proc/<pid>/stat, whose command name may hold spaces
 // and parentheses (the state and ppid follow the last ')').
 pid_t ParentOf(const std::string& pid) {
-  std::ifstream stat("/proc/" + pid + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const std::string text = ReadWholeFile("/proc/" + pid + "/stat");
   const size_t end = text.rfind(')');
   if (end == std::string::npos) return -1;
   std::istringstream rest(text.substr(end + 1));

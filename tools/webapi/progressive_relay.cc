@@ -60,8 +60,9 @@ int RunAwayFromResponse(const std::function<int()>& work) {
 void Relay(const std::function<int(char*, unsigned int)>& read, long long limit) {
   char buffer[65536];
   while (!Stopped() && limit != 0) {
-    const unsigned int want =
-        limit < 0 ? sizeof(buffer) : static_cast<unsigned int>(std::min<long long>(limit, sizeof(buffer)));
+    const unsigned int want = limit < 0 ? sizeof(buffer)
+                                        : static_cast<unsigned int>(
+                                              std::min<long long>(limit, sizeof(buffer)));
     const int n = read(buffer, want);
     if (n <= 0 || !WriteAll(buffer, static_cast<size_t>(n))) break;
     if (limit > 0) limit -= n;

@@ -19,6 +19,7 @@
 #include "decisions/platform_utils.h"
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "vte/utils/json_utils.h"
@@ -137,8 +138,7 @@ TEST_F(TransLoadingTest, WritesEntriesBackOpenToEveryUser) {
     EXPECT_TRUE(registry.IsOffineConverting());
   }
   umask(oldMask);
-  std::ifstream in(RegistryPath());
-  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const std::string text = orvotest::ReadWholeFile(RegistryPath());
   const std::string me = std::to_string(getpid());
   const std::string parent = std::to_string(getppid());
   EXPECT_EQ("[{\"PID\":" + me + ",\"hardware_transcode\":true,\"offline_conversion\":false}," +

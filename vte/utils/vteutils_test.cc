@@ -14,13 +14,12 @@ extern "C" {
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 
@@ -31,11 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-std::string ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Polls for the raw wait status so a death by signal can be told apart from
@@ -185,7 +179,7 @@ TEST_F(VteUtilsTest, SaveFileReplacesTheWholeContentOrNothing) {
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.saved, SaveFile(c.path, c.content)) << c.path << " '" << c.content << "'";
-    EXPECT_EQ(c.after, ReadBytes(path)) << c.path << " '" << c.content << "'";
+    EXPECT_EQ(c.after, orvotest::ReadWholeFile(path)) << c.path << " '" << c.content << "'";
   }
   struct stat st;
   EXPECT_NE(0, stat(Scratch("never-created").c_str(), &st)) << "no empty file may appear";
