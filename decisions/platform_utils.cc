@@ -1,6 +1,5 @@
 #include "decisions/platform_utils.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 
 #include <atomic>
@@ -11,6 +10,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "platform/test_seams.h"
+#include "platform/whole_file.h"
 #include "vte/utils/json_utils.h"
 
 namespace {
@@ -42,18 +42,6 @@ std::vector<std::string> SplitKeepingEmpty(const std::string& text, char separat
     pieces.push_back(text.substr(start, next - start));
     start = next + 1;
   }
-}
-
-// The whole content of a file; false when it cannot be opened. Kernel files
-// report a size of 0, so this reads until end of file instead of stat'ing.
-bool ReadText(const std::string& path, std::string& text) {
-  FILE* file = fopen(path.c_str(), "re");
-  if (file == nullptr) return false;
-  char chunk[4096];
-  size_t count;
-  while ((count = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, count);
-  fclose(file);
-  return true;
 }
 
 bool Contains(const std::string& text, const char* fragment) {
@@ -197,7 +185,7 @@ bool PlatformUtils::ParsePlatform(const std::string& unique, std::string& platfo
 
 std::string PlatformUtils::GetHostPlatformName() const {
   std::string text;
-  if (!ReadText(machine::Resolve(machine::kOrvoPlatform), text)) return "";
+  if (!librh::ReadWholeFile(machine::Resolve(machine::kOrvoPlatform), &text)) return "";
   std::string line = text.substr(0, text.find('\n'));
   if (!line.empty() && line.back() == '\r') line.pop_back();
   return line;
@@ -218,7 +206,7 @@ std::string PlatformUtils::GetCPUInfo(const std::string& key) const {
   }
   const std::string path = machine::Resolve(machine::kCpuInfo);
   std::string cpuinfo;
-  if (!ReadText(path, cpuinfo)) {
+  if (!librh::ReadWholeFile(path, &cpuinfo)) {
     librh::log::Write(LOG_ERR, kLogTag, 188, "Failed to open file [%s]", path.c_str());
     return "";
   }

@@ -15,9 +15,9 @@
 
 #include "platform/olibc.h"
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ std::string CaptureStdout(const std::string& file, const std::function<int()>& r
   fflush(stdout);
   dup2(saved, STDOUT_FILENO);
   close(saved);
-  return orvotest::ReadWholeFile(file);
+  return toolkit::ReadWholeFile(file);
 }
 
 // True when this process has no child left, reaped or not.
@@ -199,7 +199,7 @@ TEST_F(ProcessTest, ForkChildNoWaitRunsADetachedChild) {
   ASSERT_EQ(result, 1);
   EXPECT_TRUE(NoChildren());
   ASSERT_TRUE(orvotest::WaitForPath(report, 10000));
-  std::istringstream text(orvotest::ReadWholeFile(report));
+  std::istringstream text(toolkit::ReadWholeFile(report));
   pid_t childPid = 0;
   pid_t childParent = 0;
   text >> childPid >> childParent;

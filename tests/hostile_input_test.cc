@@ -9,10 +9,10 @@
 
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/hostile_table.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
+#include "toolkit/files.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
 #include "vte/smooth_stream.h"
@@ -34,8 +34,8 @@ class HostileInputTest : public orvotest::MachineRootTest {
     Root().WriteFile("/victim/keep", "keep");
   }
   bool VictimsIntact() {
-    return orvotest::ReadWholeFile(Root().At(std::string(librh::machine::kTempRoot) + "/victim/keep")) == "keep" &&
-           orvotest::ReadWholeFile(Root().At("/victim/keep")) == "keep";
+    return toolkit::ReadWholeFile(Root().At(std::string(librh::machine::kTempRoot) + "/victim/keep")) == "keep" &&
+           toolkit::ReadWholeFile(Root().At("/victim/keep")) == "keep";
   }
 
   // Creates and opens a session as two web requests would; "ok", or what
@@ -153,7 +153,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
     std::string outcome = result == "ok" ? "opens" : "Init fails, no playlist written";
     if (c.opens && result == "ok") {
       const std::string text =
-          orvotest::ReadWholeFile(orvotest::SessionPath(c.type, id, c.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
+          toolkit::ReadWholeFile(orvotest::SessionPath(c.type, id, c.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
       if (c.type == "HLS") {
         EXPECT_NE(text.find(c.value), std::string::npos) << text;
       } else {
@@ -165,7 +165,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
       }
     } else if (!c.opens) {
       EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(c.type, id, id + ".m3u8")));
-      EXPECT_TRUE(orvotest::ReadWholeFile(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
+      EXPECT_TRUE(toolkit::ReadWholeFile(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
     }
     HostileRow("query value (" + c.type + ")", "`" + c.key + "=" + Printable(c.value) + "`", outcome);
   }

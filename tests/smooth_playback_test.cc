@@ -16,13 +16,13 @@
 
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/mp4_fragment.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
+#include "toolkit/files.h"
 #include "vte/smooth_stream.h"
 #include "vte/utils/vteutils.h"
 
@@ -143,7 +143,7 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
 
   // Every chunk of the manifest is a fragment of both streams, and there is
   // no other.
-  const std::string manifest = orvotest::ReadWholeFile(SmoothStream("play").GetMainfest());
+  const std::string manifest = toolkit::ReadWholeFile(SmoothStream("play").GetMainfest());
   const std::vector<long long> chunks = ChunkStarts(manifest);
   ASSERT_EQ(chunks.size(), 26u);  // 130 s
   EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(200000)", "video"), chunks);

@@ -113,6 +113,9 @@ pid_t StartProgram(const std::vector<std::string>& argv, const Wiring& wiring, s
     PointAt(wiring.in, STDIN_FILENO, devNull);
     PointAt(wiring.out, STDOUT_FILENO, devNull);
     PointAt(wiring.err, STDERR_FILENO, devNull);
+    // What the program was not meant to get closes at exec (kernels before
+    // close_range's flag leave that to each descriptor's own flag).
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     for (const int fd : wiring.kept) fcntl(fd, F_SETFD, 0);
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     execvp(words[0], words.data());

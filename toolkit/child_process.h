@@ -28,7 +28,8 @@ struct Wiring {
 };
 
 // Starts `argv` (argv[0] is looked up in PATH unless it holds a "/") with
-// this process's signal mask and default signal handlers. Returns its pid once the
+// this process's signal mask, default signal handlers, and no descriptor but
+// the three standard ones and `wiring.kept`. Returns its pid once the
 // program runs; -1, with the reason in `error` when given, when it could not
 // be started (a failed exec included: that child is reaped).
 pid_t StartProgram(const std::vector<std::string>& argv, const Wiring& wiring = {},

@@ -2,11 +2,11 @@
 // playlist template with a placeholder for the subtitle id; each subtitle's
 // playlist is made from it when a client asks for that subtitle, so one
 // master playlist can offer any number of them without writing all up front.
-#include <stdio.h>
 
 #include <exception>
 
 #include "platform/log.h"
+#include "platform/whole_file.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
 
@@ -17,18 +17,6 @@ namespace {
 constexpr char kLogTag[] = "http_live_stream";
 
 constexpr char kTemplateFile[] = "subtitle.m3u8.tpl";
-
-// The whole file, or false when it cannot be opened or read.
-bool ReadWholeFile(const std::string& path, std::string& text) {
-  FILE* file = fopen(path.c_str(), "re");
-  if (file == nullptr) return false;
-  char chunk[8192];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, got);
-  const bool failed = ferror(file) != 0;
-  fclose(file);
-  return !failed;
-}
 
 }  // namespace
 
@@ -58,7 +46,7 @@ std::string HttpLiveStream::GenSubtitlePlaylist(const std::string& subtitleId) c
     const std::string name = hls::SubtitlePlaylistName(subtitleId);
     if (name.empty()) return "";
     std::string templateText;
-    if (!ReadWholeFile(GetVTEFileFullPath(kTemplateFile), templateText)) {
+    if (!librh::ReadWholeFile(GetVTEFileFullPath(kTemplateFile), &templateText)) {
       ORVO_LOG(LOG_ERR, "failed to open file %s", kTemplateFile);
       return "";
     }

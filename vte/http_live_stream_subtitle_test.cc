@@ -7,10 +7,10 @@
 #include <string>
 
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
+#include "toolkit/files.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
 
@@ -172,7 +172,7 @@ TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheS
   // External files in pattern order (Movie2.srt belongs to another video),
   // then the text track.
   std::string offered;
-  std::istringstream master(orvotest::ReadWholeFile(dir + "/" + id + ".m3u8"));
+  std::istringstream master(toolkit::ReadWholeFile(dir + "/" + id + ".m3u8"));
   for (std::string line; std::getline(master, line);) {
     if (line.rfind("#EXT-X-MEDIA:", 0) != 0) continue;
     const size_t name = line.find("NAME=\"") + 6;
@@ -187,7 +187,7 @@ TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheS
             offered);
   const std::string url = "/s?id=m7&subtitle_id=";
   EXPECT_EQ(Head(5) + Window(url + hls::kSubtitleIdPlaceholder, 2, 0, 5) + "#EXT-X-ENDLIST\n",
-            orvotest::ReadWholeFile(dir + "/subtitle.m3u8.tpl"));
+            toolkit::ReadWholeFile(dir + "/subtitle.m3u8.tpl"));
 
   // Clients name the subtitle; whatever they send, only the session
   // directory gets a playlist. A name too long for the file system gets
@@ -218,7 +218,7 @@ TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheS
                                    real + "/escape.subtitle.m3u8", real + "/...subtitle.m3u8"}),
             added);
   EXPECT_EQ(Head(5) + Window(url + encoded, 2, 0, 5) + "#EXT-X-ENDLIST\n",
-            orvotest::ReadWholeFile(dir + "/Movie.eng.srt.subtitle.m3u8"));
+            toolkit::ReadWholeFile(dir + "/Movie.eng.srt.subtitle.m3u8"));
 
   EXPECT_EQ("closed", orvotest::TextFromChild([&] {
               return std::string(HttpLiveStream(id).Close() ? "closed" : "not closed");

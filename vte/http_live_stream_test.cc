@@ -15,11 +15,11 @@
 
 #include "decisions/argument_helper.h"
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
+#include "toolkit/files.h"
 
 // The stream's decisions on sessions written straight from probed media;
 // the processes they start are exercised in tests/hls_playback_test.cc.
@@ -324,7 +324,7 @@ TEST_F(HttpLiveStreamTest, PlaylistsNeedADurationAndSubtitlesAMasterPlaylist) {
   Session("s", Media::kH264AacMp4, kRemux);
   HttpLiveStream stream("s");
   ASSERT_TRUE(stream.GenVideoPlaylist(params));
-  const std::string text = orvotest::ReadWholeFile(stream.GetMainfest("", ""));
+  const std::string text = toolkit::ReadWholeFile(stream.GetMainfest("", ""));
   EXPECT_EQ(text,
             "#EXTM3U\n#EXT-X-TARGETDURATION:8\n#EXT-X-MEDIA-SEQUENCE:0\n"
             "#EXTINF:2,\n/api/stream?format=hls&id=s&fragment_id=00000\n#EXT-X-ENDLIST\n");

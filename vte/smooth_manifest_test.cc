@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
+#include "toolkit/files.h"
 #include "vte/smooth_manifest.h"
 #include "vte/smooth_stream.h"
 #include "vte/utils/json_utils.h"
@@ -211,7 +211,7 @@ TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
   ASSERT_EQ(orvotest::RunQuietly(argv, 60), 0);
   for (const auto& [path, values] : outputs) {
     std::string hex;
-    for (unsigned char byte : orvotest::ReadWholeFile(path)) {
+    for (unsigned char byte : toolkit::ReadWholeFile(path)) {
       static const char kDigits[] = "0123456789abcdef";
       hex += kDigits[byte >> 4];
       hex += kDigits[byte & 15];
@@ -239,7 +239,7 @@ TEST_F(SmoothInit, WritesTheManifestOrRemovesTheSession) {
   ASSERT_TRUE(stream.Init(params, Json::Value(), "", "")) << stream.GetErrorString();
   QualityValues values;
   ASSERT_TRUE(smooth::ProfileValues(profile, false, 4.0f / 3, values));
-  EXPECT_EQ(orvotest::ReadWholeFile(stream.GetMainfest()),
+  EXPECT_EQ(toolkit::ReadWholeFile(stream.GetMainfest()),
             smooth::RenderManifest(2, "/api/stream?format=ss&amp;id=ss1&amp;token=t&quot;k",
                                    values));
   EXPECT_EQ(stream.GetMainfest(), stream.GetVTEFileFullPath("manifest_predict"));

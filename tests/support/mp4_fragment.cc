@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tests/support/files.h"
+#include "toolkit/files.h"
 
 namespace orvotest {
 namespace {
@@ -92,7 +92,7 @@ Mp4Fragment ParseMp4Fragment(const std::string& bytes) {
 }
 
 Mp4Fragment ReadMp4Fragment(const std::string& path) {
-  return ParseMp4Fragment(ReadWholeFile(path));
+  return ParseMp4Fragment(toolkit::ReadWholeFile(path));
 }
 
 std::string BytesFromHex(const std::string& hex) {

@@ -1,7 +1,5 @@
-#include "tests/support/files.h"
 #include "tests/support/playback.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -18,6 +16,8 @@
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
 #include "tests/support/stream_watch.h"
+#include "toolkit/files.h"
+#include "toolkit/process_table.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/json_utils.h"
 
@@ -36,23 +36,9 @@ constexpr char kProfiles[] = R"({
 }  // namespace
 
 std::vector<pid_t> ChildrenOf(pid_t parent) {
-  std::vector<pid_t> children;
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return children;
-  while (const dirent* entry = readdir(proc)) {
-    const pid_t pid = atoi(entry->d_name);
-    if (pid <= 0) continue;
-    const std::string stat = ReadWholeFile("/proc/" + std::string(entry->d_name) + "/stat");
-    const size_t end = stat.rfind(')');
-    char state = 0;
-    int ppid = 0;
-    if (end != std::string::npos && sscanf(stat.c_str() + end + 1, " %c %d", &state, &ppid) == 2 &&
-        ppid == parent && state != 'Z') {
-      children.push_back(pid);
-    }
-  }
-  closedir(proc);
-  return children;
+  std::vector<pid_t> pids;
+  for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(parent)) pids.push_back(child.pid);
+  return pids;
 }
 
 bool CompleteSegment(const std::string& path, double* videoStart) {
@@ -83,7 +69,7 @@ void PlaybackTest::TearDown() {
     ChildrenEnded(2);
   }
   if (HasFailure()) {
-    const std::string log = ReadWholeFile(requestLog_);
+    const std::string log = toolkit::ReadWholeFile(requestLog_);
     std::cerr << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
   }
   root_.reset();

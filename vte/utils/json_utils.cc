@@ -6,31 +6,19 @@
 #include <sstream>
 
 #include "platform/log.h"
+#include "platform/whole_file.h"
 
 namespace LibReelhall {
 namespace {
 
 constexpr char kLogTag[] = "json_utils";
 
-// libstdc++'s file streams cannot ask for O_CLOEXEC; a stdio FILE opened
-// with "e" can, and its content is handed to the parser as a stream.
-bool ReadWholeFile(const std::string& path, std::string& content) {
-  FILE* file = fopen(path.c_str(), "re");
-  if (file == nullptr) return false;
-  char chunk[8192];
-  size_t count;
-  while ((count = fread(chunk, 1, sizeof(chunk), file)) > 0) content.append(chunk, count);
-  const bool ok = ferror(file) == 0;
-  fclose(file);
-  return ok;
-}
-
 }  // namespace
 
 bool ReadJsonFromFile(const std::string& path, Json::Value& out) {
   if (path.empty()) return false;
   std::string content;
-  if (!ReadWholeFile(path, content)) return false;
+  if (!librh::ReadWholeFile(path, &content)) return false;
   try {
     std::istringstream stream(content);
     Json::Reader reader;

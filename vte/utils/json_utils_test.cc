@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 
 namespace LibReelhall {
 namespace {
@@ -33,7 +33,7 @@ TEST_F(JsonUtilsTest, WritesOneLineThatReadsBackEqual) {
   EXPECT_EQ(
       "{\"duration\":5400,\"flags\":[true,null],\"path\":\"/volume1/video/a \\\"quoted\\\" "
       "name.mkv\",\"rate\":2.5,\"track_info\":{\"audio\":[{\"id\":\"1\"}]}}\n",
-      orvotest::ReadWholeFile(path));
+      toolkit::ReadWholeFile(path));
   Json::Value back;
   ASSERT_TRUE(ReadJsonFromFile(path, back));
   EXPECT_EQ(value, back);

@@ -19,9 +19,9 @@
 #include "decisions/platform_utils.h"
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 #include "vte/utils/json_utils.h"
 
 namespace LibReelhall {
@@ -138,7 +138,7 @@ TEST_F(TransLoadingTest, WritesEntriesBackOpenToEveryUser) {
     EXPECT_TRUE(registry.IsOffineConverting());
   }
   umask(oldMask);
-  const std::string text = orvotest::ReadWholeFile(RegistryPath());
+  const std::string text = toolkit::ReadWholeFile(RegistryPath());
   const std::string me = std::to_string(getpid());
   const std::string parent = std::to_string(getppid());
   EXPECT_EQ("[{\"PID\":" + me + ",\"hardware_transcode\":true,\"offline_conversion\":false}," +

@@ -19,9 +19,9 @@ extern "C" {
 #include <vector>
 
 #include "tests/support/child.h"
-#include "tests/support/files.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -179,7 +179,7 @@ TEST_F(VteUtilsTest, SaveFileReplacesTheWholeContentOrNothing) {
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.saved, SaveFile(c.path, c.content)) << c.path << " '" << c.content << "'";
-    EXPECT_EQ(c.after, orvotest::ReadWholeFile(path)) << c.path << " '" << c.content << "'";
+    EXPECT_EQ(c.after, toolkit::ReadWholeFile(path)) << c.path << " '" << c.content << "'";
   }
   struct stat st;
   EXPECT_NE(0, stat(Scratch("never-created").c_str(), &st)) << "no empty file may appear";

@@ -1,11 +1,12 @@
-// Reading what the code under test wrote.
+// Reading whole files.
 #pragma once
 
 #include <string>
 
-namespace orvotest {
+namespace toolkit {
 
 // The whole content of `path`, bytes as they are; "" when it cannot be read.
+// Reads to the end, so kernel files (which report no size) come whole.
 std::string ReadWholeFile(const std::string& path);
 
-}  // namespace orvotest
+}  // namespace toolkit
