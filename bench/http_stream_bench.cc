@@ -105,11 +105,8 @@ Run Directly(const std::vector<std::string>& argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int runs = argc > 1 ? atoi(argv[1]) : 5;
-  if (argc > 2 || runs < 1) {
-    fprintf(stderr, "usage: http_stream_bench [runs]\n");
-    return 2;
-  }
+  const int runs = bench::CountArgument(argc, argv, 5, "http_stream_bench", "runs");
+  if (runs < 0) return 2;
   // The transcoders are detached grandchildren: adopted here, and reaped.
   orvotest::BecomeSubreaper();
   orvotest::MachineRoot root;
