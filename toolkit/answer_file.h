@@ -16,7 +16,6 @@ class AnswerFile {
   AnswerFile(const AnswerFile&) = delete;
   AnswerFile& operator=(const AnswerFile&) = delete;
 
-  bool IsOpen() const { return fd_ >= 0; }
   // Replaces the content; in the child.
   bool Write(const std::string& text) const;
   // The content; in the parent, once the child has ended.
