@@ -215,11 +215,8 @@ std::string LoadAverage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int runs = argc > 1 ? atoi(argv[1]) : 5;
-  if (argc > 2 || runs < 1) {
-    fprintf(stderr, "usage: hls_bench [runs]\n");
-    return 2;
-  }
+  const int runs = bench::CountArgument(argc, argv, 5, "hls_bench", "runs");
+  if (runs < 0) return 2;
   // The monitors are detached; adopting them lets the bench reap them.
   orvotest::BecomeSubreaper();
   orvotest::MachineRoot root;

@@ -6,15 +6,9 @@
 // start-up, the double fork, the launcher.
 //
 //   http_stream_bench [runs]     (default 5 runs of each)
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <json/json.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +24,7 @@
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
+#include "toolkit/child_process.h"
 #include "vte/http_stream.h"
 
 namespace {
@@ -93,50 +88,25 @@ Run ThroughLibrary(const std::string& source, const std::string& profileFile, in
 // The same output from the stock ffmpeg, started directly.
 Run Directly(const std::vector<std::string>& argv) {
   Run run;
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return run;
-  std::vector<char*> words;
-  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
-  words.push_back(nullptr);
-  const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
+  toolkit::Wiring quiet;
+  quiet.err = toolkit::kDevNull;
   const Clock::time_point start = Clock::now();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(devNull, STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(devNull, STDERR_FILENO);
-    execvp(words[0], words.data());
-    _exit(127);
-  }
-  close(out[1]);
-  close(devNull);
-  if (pid < 0) {
-    close(out[0]);
-    return run;
-  }
-  char buffer[65536];
-  for (;;) {
-    struct pollfd ready = {out[0], POLLIN, 0};
-    if (poll(&ready, 1, kTimeoutSeconds * 1000) <= 0) break;
-    const ssize_t got = read(out[0], buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    if (run.firstByteMs < 0) run.firstByteMs = MsSince(start);
-    run.bytes += static_cast<unsigned long long>(got);
-  }
-  close(out[0]);
-  if (orvotest::WaitForChild(pid, 5) != 0) run.firstByteMs = -1;
+  const int status = toolkit::RunProgram(
+      argv, std::chrono::seconds(kTimeoutSeconds),
+      [&run, start](const char*, size_t size) {
+        if (run.firstByteMs < 0) run.firstByteMs = MsSince(start);
+        run.bytes += size;
+      },
+      quiet);
+  if (status != 0) run.firstByteMs = -1;
   return run;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int runs = argc > 1 ? atoi(argv[1]) : 5;
-  if (argc > 2 || runs < 1) {
-    fprintf(stderr, "usage: http_stream_bench [runs]\n");
-    return 2;
-  }
+  const int runs = bench::CountArgument(argc, argv, 5, "http_stream_bench", "runs");
+  if (runs < 0) return 2;
   // The transcoders are detached grandchildren: adopted here, and reaped.
   orvotest::BecomeSubreaper();
   orvotest::MachineRoot root;

@@ -18,6 +18,7 @@ extern "C" {
 
 #include "bench/timing.h"
 #include "metadata/video_metadata.h"
+#include "tests/support/child.h"
 #include "tests/support/test_media.h"
 
 namespace {
@@ -50,11 +51,8 @@ bool ProbeWithFfprobe(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int runs = argc > 1 ? atoi(argv[1]) : 15;
-  if (argc > 2 || runs < 1) {
-    fprintf(stderr, "usage: probe_bench [runs]\n");
-    return 2;
-  }
+  const int runs = bench::CountArgument(argc, argv, 15, "probe_bench", "runs");
+  if (runs < 0) return 2;
   // The attachment in tracks.mkv has no codec, which libavformat warns about.
   av_log_set_level(AV_LOG_ERROR);
   const std::vector<orvotest::Media> kinds = {

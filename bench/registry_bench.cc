@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "bench/timing.h"
 #include "tests/support/child.h"
 #include "tests/support/machine_root.h"
 #include "vte/utils/trans_loading.h"
@@ -81,11 +82,8 @@ double Run(int processes, int operations) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int operations = argc > 1 ? atoi(argv[1]) : 500;
-  if (argc > 2 || operations < 1) {
-    fprintf(stderr, "usage: registry_bench [operations per process]\n");
-    return 2;
-  }
+  const int operations = bench::CountArgument(argc, argv, 500, "registry_bench", "operations per process");
+  if (operations < 0) return 2;
   orvotest::MachineRoot root;
   printf("%-10s %12s %10s %14s %16s\n", "processes", "operations", "seconds", "operations/s",
          "wall ms per op");

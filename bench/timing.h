@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 namespace bench {
@@ -19,6 +21,16 @@ inline double Median(std::vector<double> values) {
 
 inline double MsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// The count a benchmark takes as its one optional argument (`fallback`
+// without one); -1 after printing "usage: <program> [<what>]" on bad usage.
+inline int CountArgument(int argc, char** argv, int fallback, const char* program,
+                         const char* what) {
+  const int count = argc > 1 ? atoi(argv[1]) : fallback;
+  if (argc <= 2 && count >= 1) return count;
+  fprintf(stderr, "usage: %s [%s]\n", program, what);
+  return -1;
 }
 
 }  // namespace bench

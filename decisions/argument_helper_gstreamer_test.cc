@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "decisions/argument_helper.h"
-#include "tests/support/child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 
@@ -69,8 +68,6 @@ TEST(GstreamerElementsTest, DemuxerByContainerFirstKeyWins) {
   }
 }
 
-// The platform is read once per process: each platform plays in a child,
-// whose failures gtest reports from there.
 TEST(GstreamerElementsTest, VideoDecoderByPlatform) {
   const char* rows[][4] = {
       // codec, x86, Braswell, Monaco
@@ -88,33 +85,26 @@ TEST(GstreamerElementsTest, VideoDecoderByPlatform) {
   const char* platforms[] = {"", "x86", "braswell", "monaco"};
   for (int column = 1; column <= 3; ++column) {
     const std::string name = platforms[column];
-    fflush(stdout);
-    const int status = orvotest::RunInChild([&] {
-      orvotest::PlatformFiles platform;
-      platform.name = name;
-      orvotest::MachineRoot root(platform);
-      orvotest::LogCapture log;
-      for (const auto& row : rows) {
-        ArgumentHelper helper{Loaded(File("avi", row[0]))};
-        helper.GetGstreamDemuxer();
-        EXPECT_EQ(row[column], Join(helper.GetGstreamVideoArgument())) << name << " " << row[0];
-      }
-      EXPECT_TRUE(log.Lines().size() == 1 && log.Has(LOG_ERR, Unhandled("Video", 344, "vp9")))
-          << log.Dump();
-      // Only Braswell's ASF demuxer is told the video profile, when known.
-      ArgumentHelper asf{Loaded(File("asf", "vc1", {}, "Advanced"))};
-      EXPECT_EQ(name == "braswell" ? "asfdemux profile=Advanced name=demux ! queue !"
-                                   : "asfdemux name=demux ! queue !",
-                Join(asf.GetGstreamDemuxer()))
-          << name;
-      EXPECT_EQ("asfdemux name=demux ! queue !",
-                Join(ArgumentHelper{Loaded(File("asf", "vc1"))}.GetGstreamDemuxer()))
-          << name;
-      // The child ends with _exit: its failure messages must be out first.
-      fflush(stdout);
-      return ::testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(0, status) << name;
+    orvotest::PlatformFiles platform;
+    platform.name = name;
+    orvotest::MachineRoot root(platform);
+    orvotest::LogCapture log;
+    for (const auto& row : rows) {
+      ArgumentHelper helper{Loaded(File("avi", row[0]))};
+      helper.GetGstreamDemuxer();
+      EXPECT_EQ(row[column], Join(helper.GetGstreamVideoArgument())) << name << " " << row[0];
+    }
+    EXPECT_TRUE(log.Lines().size() == 1 && log.Has(LOG_ERR, Unhandled("Video", 344, "vp9")))
+        << log.Dump();
+    // Only Braswell's ASF demuxer is told the video profile, when known.
+    ArgumentHelper asf{Loaded(File("asf", "vc1", {}, "Advanced"))};
+    EXPECT_EQ(name == "braswell" ? "asfdemux profile=Advanced name=demux ! queue !"
+                                 : "asfdemux name=demux ! queue !",
+              Join(asf.GetGstreamDemuxer()))
+        << name;
+    EXPECT_EQ("asfdemux name=demux ! queue !",
+              Join(ArgumentHelper{Loaded(File("asf", "vc1"))}.GetGstreamDemuxer()))
+        << name;
   }
 }
 

@@ -1,14 +1,16 @@
 #include "decisions/platform_utils.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "platform/test_seams.h"
+#include "platform/whole_file.h"
 #include "vte/utils/json_utils.h"
 #include "vte/utils/vteutils.h"
 
@@ -22,6 +24,10 @@ namespace machine = librh::machine;
 // threaded, but the library may be linked into a threaded caller and a torn
 // std::string is not a benign race.
 std::mutex gHostPlatformMutex;
+
+// Set only by tests (platform/test_seams.h), which play many platforms in one
+// process.
+std::atomic<bool> gPlatformForgotten{false};
 
 // Splits at every `separator`; empty pieces are kept, so "a__b" gives three
 // pieces and "_" two.
@@ -123,6 +129,11 @@ bool ForceFFmpeg(bool braswell, bool monaco, const std::string& container,
 
 PlatformUtils& PlatformUtils::GetInst() {
   static PlatformUtils instance;
+  if (gPlatformForgotten.load(std::memory_order_acquire) && gPlatformForgotten.exchange(false)) {
+    std::lock_guard<std::mutex> hold(gHostPlatformMutex);
+    instance.platformName_ = instance.GetPlatformName();
+    instance.hostPlatformName_.clear();
+  }
   return instance;
 }
 
@@ -175,7 +186,7 @@ bool PlatformUtils::ParsePlatform(const std::string& unique, std::string& platfo
 
 std::string PlatformUtils::GetHostPlatformName() const {
   std::string text;
-  if (!LibOrvoVTE::ReadWholeFile(machine::Resolve(machine::kOrvoPlatform), text)) return "";
+  if (!librh::ReadWholeFile(machine::Resolve(machine::kOrvoPlatform), &text)) return "";
   std::string line = text.substr(0, text.find('\n'));
   if (!line.empty() && line.back() == '\r') line.pop_back();
   return line;
@@ -196,7 +207,7 @@ std::string PlatformUtils::GetCPUInfo(const std::string& key) const {
   }
   const std::string path = machine::Resolve(machine::kCpuInfo);
   std::string cpuinfo;
-  if (!LibOrvoVTE::ReadWholeFile(path, cpuinfo)) {
+  if (!librh::ReadWholeFile(path, &cpuinfo)) {
     librh::log::Write(LOG_ERR, kLogTag, 188, "Failed to open file [%s]", path.c_str());
     return "";
   }
@@ -215,6 +226,12 @@ std::string PlatformUtils::GetTransPlatformName() {
 }
 
 }  // namespace util
+
+namespace seams {
+
+void ForgetPlatform() { gPlatformForgotten.store(true, std::memory_order_release); }
+
+}  // namespace seams
 }  // namespace librh
 
 namespace LibReelhall {

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "platform/machine_root.h"
-#include "tests/support/child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 
@@ -22,11 +21,6 @@ namespace machine = librh::machine;
 namespace rules = platform_rules;
 using orvotest::MachineRoot;
 using orvotest::PlatformFiles;
-
-// The platform singleton reads the platform name once per process, so every
-// check that goes through it runs in a fresh child; the text the child
-// returns is compared in the parent.
-using orvotest::TextFromChild;
 
 // "platform=<name> <flags> <transcode platform> <ffmpeg|gstreamer>", where the
 // flags are E(vansport) B(raswell) M(onaco) G(streamer) H(ardware) and +hw
@@ -84,7 +78,7 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
     MachineRoot root(row.files);
     if (row.unique) root.WriteFile(machine::kOrvoInfoConf, std::string(row.unique) + "\n");
     if (row.advanced) root.WriteFile(machine::kAdvancedConf, row.advanced);
-    EXPECT_EQ(row.expected, TextFromChild(Describe))
+    EXPECT_EQ(row.expected, Describe())
         << row.files.name << " cores " << row.files.cpuCores << " unique "
         << (row.unique ? row.unique : "-") << " advanced " << (row.advanced ? row.advanced : "-");
   }
@@ -196,12 +190,10 @@ TEST(PlatformUtils, MachineTranscodeAndRemuxReadsBogoMips) {
   for (const auto& row : kRows) {
     MachineRoot root(Platform(row.name, 2));
     root.WriteFile(machine::kCpuInfo, row.cpuinfo);
-    EXPECT_EQ(row.expected, TextFromChild([] {
-                bool first = true, second = true, third = true;
-                LibReelhall::GetMachineTranscodeAndRemux(first, second, third);
-                return std::to_string(first) + " " + std::to_string(second) + " " +
-                       std::to_string(third);
-              }))
+    bool first = true, second = true, third = true;
+    LibReelhall::GetMachineTranscodeAndRemux(first, second, third);
+    EXPECT_EQ(row.expected, std::to_string(first) + " " + std::to_string(second) + " " +
+                                std::to_string(third))
         << row.name << " " << row.cpuinfo;
   }
 }
@@ -209,15 +201,13 @@ TEST(PlatformUtils, MachineTranscodeAndRemuxReadsBogoMips) {
 TEST(PlatformUtils, GetCPUInfoLogsBadKeyAndMissingFile) {
   MachineRoot root;
   std::filesystem::remove(root.At(machine::kCpuInfo));
-  const std::string report = TextFromChild([] {
-    orvotest::LogCapture capture;
-    PlatformUtils& p = PlatformUtils::GetInst();
-    // One call per statement: the logged lines must come in this order.
-    std::string values = "[" + p.GetCPUInfo("") + "]";
-    values += "[" + p.GetCPUInfo("cpu cores") + "] ";
-    values += p.GetTransPlatformName() + "\n";
-    return values + capture.Dump();
-  });
+  orvotest::LogCapture capture;
+  PlatformUtils& p = PlatformUtils::GetInst();
+  // One call per statement: the logged lines must come in this order.
+  std::string report = "[" + p.GetCPUInfo("") + "]";
+  report += "[" + p.GetCPUInfo("cpu cores") + "] ";
+  report += p.GetTransPlatformName() + "\n";
+  report += capture.Dump();
   const std::string open = std::to_string(LOG_ERR) + " platform_utils:188 Failed to open file [" +
                            root.At(machine::kCpuInfo) + "]\n";
   EXPECT_EQ("[][] x86_1\n" + std::to_string(LOG_ERR) + " platform_utils:183 Bad parameter\n" +
@@ -227,37 +217,34 @@ TEST(PlatformUtils, GetCPUInfoLogsBadKeyAndMissingFile) {
 
 TEST(PlatformUtils, NameAndHostReadOnceSettingsReadAfresh) {
   MachineRoot root(Platform("evansport", 2, "AVOTON"));
-  const std::string report = TextFromChild([&root] {
-    PlatformUtils& p = PlatformUtils::GetInst();
-    std::string before = p.GetDockerHostPlatformName() + " " + p.GetTransPlatformName();
-    root.Play(Platform("monaco", 2, "BROMOLOW"));
-    root.WriteFile(machine::kAdvancedConf, R"({"hardware_transcode": false})");
-    std::string after = p.GetDockerHostPlatformName() + " " + p.GetHostPlatformName();
-    after += " " + p.GetTransPlatformName() + " " + p.GetPlatformName();
-    return before + " | " + after;
-  });
+  PlatformUtils& p = PlatformUtils::GetInst();
+  std::string report = p.GetDockerHostPlatformName() + " " + p.GetTransPlatformName() + " | ";
+  // The files change under the running process (Play would start afresh).
+  root.WriteFile(machine::kOrvoInfoConf, "unique=\"reelbox_monaco_1019\"\n");
+  root.WriteFile(machine::kOrvoPlatform, "BROMOLOW\n");
+  root.WriteFile(machine::kAdvancedConf, R"({"hardware_transcode": false})");
+  report += p.GetDockerHostPlatformName() + " " + p.GetHostPlatformName() + " " +
+            p.GetTransPlatformName() + " " + p.GetPlatformName();
   EXPECT_EQ("avoton evansport_2 | avoton BROMOLOW x86_1 monaco", report);
 }
 
 TEST(PlatformUtils, ConcurrentFirstCallsAgreeOnTheHost) {
   MachineRoot root(Platform("dockerx64", 4, "CEDARVIEW"));
-  const std::string report = TextFromChild([] {
-    constexpr int kThreads = 8;
-    std::atomic<int> ready{0};
-    std::vector<std::string> hosts(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&, i] {
-        ready.fetch_add(1);
-        while (ready.load() < kThreads) std::this_thread::yield();
-        hosts[i] = PlatformUtils::GetInst().GetDockerHostPlatformName();
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
-    std::string all;
-    for (const std::string& host : hosts) all += host + " ";
-    return all + PlatformUtils::GetInst().GetTransPlatformName();
-  });
+  constexpr int kThreads = 8;
+  std::atomic<int> ready{0};
+  std::vector<std::string> hosts(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      ready.fetch_add(1);
+      while (ready.load() < kThreads) std::this_thread::yield();
+      hosts[i] = PlatformUtils::GetInst().GetDockerHostPlatformName();
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::string report;
+  for (const std::string& host : hosts) report += host + " ";
+  report += PlatformUtils::GetInst().GetTransPlatformName();
   EXPECT_EQ(
       "cedarview cedarview cedarview cedarview cedarview cedarview cedarview cedarview "
       "cedarview_2",

@@ -4,14 +4,15 @@
 #include <fstream>
 
 #include "platform/log.h"
-#include "platform/machine_root.h"
 #include "vte/utils/json_utils.h"
+#include "vte/utils/session_path.h"
 
 namespace LibOrvoVTE {
 namespace {
 
 constexpr char kLogTag[] = "vtemetadata";
 constexpr char kMetaDataFile[] = "video_metadata";
+constexpr size_t kMaxPath = 4095;
 
 }  // namespace
 
@@ -26,14 +27,9 @@ std::string VTEMetaData::GetProfileKey() const { return GetMemberString("profile
 std::string VTEMetaData::GetProfileValue() const { return GetMemberString("profile_value"); }
 
 std::string VTEMetaData::MetaDataPath(const std::string& id, const std::string& type) {
-  if (id.empty() || type.empty()) return "";
-  const std::string tempRoot = librh::machine::Resolve(librh::machine::kTempRoot);
-  char path[4095];
-  int length = snprintf(path, sizeof(path), "%s/%s/%s/%s", tempRoot.c_str(), type.c_str(),
-                        id.c_str(), kMetaDataFile);
-  // A path that does not fit names no session at all.
-  if (length < 0 || static_cast<size_t>(length) >= sizeof(path)) return "";
-  return path;
+  const std::string path = SessionFilePath(type, id, kMetaDataFile);
+  // A path that does not fit the file system's limit names no session at all.
+  return path.size() < kMaxPath ? path : "";
 }
 
 bool VTEMetaData::ReadTransProfile(const std::string& profileFile, const std::string& profileName,

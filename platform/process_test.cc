@@ -17,18 +17,12 @@
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 
 namespace {
 
 // Cases that need scratch files get a temporary machine root.
 class ProcessTest : public orvotest::MachineRootTest {};
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // Runs `run` with this process's stdout sent to a file and returns what was
 // written there; the exec'd programs inherit that stdout.
@@ -42,7 +36,7 @@ std::string CaptureStdout(const std::string& file, const std::function<int()>& r
   fflush(stdout);
   dup2(saved, STDOUT_FILENO);
   close(saved);
-  return ReadAll(file);
+  return toolkit::ReadWholeFile(file);
 }
 
 // True when this process has no child left, reaped or not.
@@ -205,7 +199,7 @@ TEST_F(ProcessTest, ForkChildNoWaitRunsADetachedChild) {
   ASSERT_EQ(result, 1);
   EXPECT_TRUE(NoChildren());
   ASSERT_TRUE(orvotest::WaitForPath(report, 10000));
-  std::istringstream text(ReadAll(report));
+  std::istringstream text(toolkit::ReadWholeFile(report));
   pid_t childPid = 0;
   pid_t childParent = 0;
   text >> childPid >> childParent;

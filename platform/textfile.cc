@@ -1,5 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -7,33 +5,13 @@
 #include <string>
 
 #include "platform/olibc.h"
+#include "platform/whole_file.h"
 
 namespace {
 
 // Configuration files here are a few kilobytes; a bound keeps a wrong path
 // (a device, a huge log) from being read whole.
 constexpr size_t kMaxFileBytes = 1 << 20;
-
-bool ReadSmallFile(const char* path, std::string* content) {
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  content->clear();
-  char buffer[4096];
-  while (content->size() < kMaxFileBytes) {
-    ssize_t n = read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int saved = errno;
-      close(fd);
-      errno = saved;
-      return false;
-    }
-    if (n == 0) break;
-    content->append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return true;
-}
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
@@ -83,7 +61,7 @@ int LookUp(const char* file, const char* key, std::string* value) {
     return -1;
   }
   std::string content;
-  if (!ReadSmallFile(file, &content)) {
+  if (!librh::ReadWholeFile(file, &content, kMaxFileBytes)) {
     OLIBCErrSet(errno);
     return -1;
   }
@@ -122,7 +100,7 @@ int OLIBCFileCheckKeyValue(const char* file, const char* key, const char* value,
 
 int OLIBCReadPidFile(const char* path) {
   std::string content;
-  if (path == nullptr || !ReadSmallFile(path, &content)) {
+  if (path == nullptr || !librh::ReadWholeFile(path, &content, kMaxFileBytes)) {
     OLIBCErrSet(path == nullptr ? EINVAL : errno);
     return -1;
   }

@@ -20,6 +20,7 @@
 #include "tests/support/hostile_table.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
+#include "toolkit/files.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
 #include "vte/http_stream.h"
@@ -34,11 +35,6 @@ using orvotest::Printable;
 constexpr char kHlsProfile[] = "hls_remux_h264_aac_ab128";
 constexpr char kSmoothProfile[] = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
-}
-
 class HostileInputTest : public orvotest::MachineRootTest {
  protected:
   // Files a hostile id would reach from a session directory.
@@ -47,8 +43,8 @@ class HostileInputTest : public orvotest::MachineRootTest {
     Root().WriteFile("/victim/keep", "keep");
   }
   bool VictimsIntact() {
-    return Slurp(Root().At(std::string(librh::machine::kTempRoot) + "/victim/keep")) == "keep" &&
-           Slurp(Root().At("/victim/keep")) == "keep";
+    return toolkit::ReadWholeFile(Root().At(std::string(librh::machine::kTempRoot) + "/victim/keep")) == "keep" &&
+           toolkit::ReadWholeFile(Root().At("/victim/keep")) == "keep";
   }
 
   // Creates and opens a session as two web requests would; "ok", or what
@@ -165,8 +161,8 @@ TEST_F(HostileInputTest, HlsIdsOutOfRangeOrWithANulAreRefused) {
   EXPECT_EQ(orvotest::TextFromChild(
                 [&] { return HttpLiveStream("hlsid").GetMainfest("subtitle", subtitle); }),
             "");
-  EXPECT_EQ(Slurp(pid), "4242");
-  if (Slurp(pid) == "4242") {
+  EXPECT_EQ(toolkit::ReadWholeFile(pid), "4242");
+  if (toolkit::ReadWholeFile(pid) == "4242") {
     HostileRow("subtitle id", "`" + Printable(subtitle) + "`",
                "no playlist; \"monitor.pid\" untouched");
   }
@@ -281,7 +277,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
     std::string outcome = result == "ok" ? "opens" : "Init fails, no playlist written";
     if (c.opens && result == "ok") {
       const std::string text =
-          Slurp(orvotest::SessionPath(c.type, id, c.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
+          toolkit::ReadWholeFile(orvotest::SessionPath(c.type, id, c.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
       if (c.type == "HLS") {
         EXPECT_NE(text.find(c.value), std::string::npos) << text;
       } else {
@@ -293,7 +289,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
       }
     } else if (!c.opens) {
       EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(c.type, id, id + ".m3u8")));
-      EXPECT_TRUE(Slurp(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
+      EXPECT_TRUE(toolkit::ReadWholeFile(orvotest::SessionPath(c.type, id, "manifest_predict")).empty());
     }
     HostileRow("query value (" + c.type + ")", "`" + c.key + "=" + Printable(c.value) + "`", outcome);
     // An open Smooth session (a transcode) holds the machine's one place.

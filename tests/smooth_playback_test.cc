@@ -1,7 +1,6 @@
 // Smooth Streaming from end to end: sessions made by VTE_Init from generated
 // media, every web request in a process of its own as the web API runs
 // them, and the detached monitors and transcoders accounted for.
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 #include <utime.h>
@@ -12,8 +11,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,9 +18,11 @@
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
+#include "tests/support/mp4_fragment.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
+#include "toolkit/files.h"
 #include "vte/smooth_stream.h"
 #include "vte/utils/recorded_process.h"
 #include "vte/utils/vteutils.h"
@@ -43,67 +42,6 @@ constexpr int kRequestSeconds = 90;
 
 std::string Fragment(const char* stream, long long time) {
   return stream + std::to_string(time) + ")";
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// A fragment file as a client receives it: a moof box, then an mdat box.
-struct FragmentFile {
-  bool complete = false;   // the boxes fill the file exactly
-  long long time = -1;     // the tfxd box's absolute time
-  std::string annexB;      // the mdat's NAL units behind start codes
-};
-
-uint64_t BigEndian(const std::string& data, size_t at, int bytes) {
-  uint64_t value = 0;
-  for (int i = 0; i < bytes; ++i) value = value << 8 | static_cast<unsigned char>(data[at + i]);
-  return value;
-}
-
-FragmentFile ParseFragment(const std::string& data) {
-  // The Smooth Streaming track fragment extended header box.
-  static const std::string kTfxd = std::string(
-      "\x6d\x1d\x9b\x05\x42\xd5\x44\xe6\x80\xe2\x14\x1d\xaf\xf7\x57\xb2", 16);
-  FragmentFile fragment;
-  // Boxes in [begin, end), descending into moof and traf.
-  std::function<bool(size_t, size_t)> walk = [&](size_t begin, size_t end) {
-    while (begin + 8 <= end) {
-      const uint64_t size = BigEndian(data, begin, 4);
-      const std::string type = data.substr(begin + 4, 4);
-      if (size < 8 || begin + size > end) return false;
-      if (type == "moof" || type == "traf") walk(begin + 8, begin + size);
-      if (type == "uuid" && data.compare(begin + 8, 16, kTfxd) == 0) {
-        const bool wide = data[begin + 24] == 1;
-        fragment.time = static_cast<long long>(BigEndian(data, begin + 28, wide ? 8 : 4));
-      }
-      if (type == "mdat") {
-        for (size_t at = begin + 8; at + 4 <= begin + size;) {
-          const size_t length = BigEndian(data, at, 4);
-          fragment.annexB += std::string("\0\0\0\1", 4) + data.substr(at + 4, length);
-          at += 4 + length;
-        }
-      }
-      begin += size;
-    }
-    return begin == end;
-  };
-  fragment.complete =
-      data.size() >= 8 && walk(0, data.size()) && data.compare(4, 4, "moof") == 0 &&
-      !fragment.annexB.empty();
-  return fragment;
-}
-
-std::string FromHex(const std::string& hex) {
-  std::string bytes;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
 }
 
 // The value of the first `name="..."` attribute at or after `from`.
@@ -165,28 +103,17 @@ class SmoothPlayback : public orvotest::MachineRootTest {
   }
 
   // One request: Transcoding, then ReadFragment unless `read` is false.
-  // "ok <path>" or "failed". The answer comes back through a file once the
-  // request has ended, whatever the processes it started still hold.
+  // "ok <path>" or "failed".
   std::string Request(const std::string& id, const std::string& fragment, bool read = true) {
-    const std::string answer = Root().At("/answer");
     const std::string chatter = Root().At("/transcoders.log");
-    fs::remove(answer);
-    const int status = orvotest::RunInChild(
+    return orvotest::TextFromChild(
         [&] {
-          // Monitors and transcoders inherit the request's output.
-          const int log = open(chatter.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-          dup2(log, STDOUT_FILENO);
-          dup2(log, STDERR_FILENO);
+          orvotest::SendOutputTo(chatter);
           SmoothStream stream(id);
-          std::string text = "failed";
-          if (stream.Transcoding(fragment)) {
-            text = read ? "ok " + stream.ReadFragment(fragment) : "ok";
-          }
-          std::ofstream(answer) << text;
-          return 0;
+          if (!stream.Transcoding(fragment)) return std::string("failed");
+          return read ? "ok " + stream.ReadFragment(fragment) : "ok";
         },
         kRequestSeconds);
-    return status == 0 ? Slurp(answer) : "<request failed>";
   }
 
   std::string Served(const std::string& id, const std::string& fragment) {
@@ -209,7 +136,7 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
   // The first request starts a run at 0 and is served complete.
   ASSERT_EQ(Request("play", Fragment(kVideo, 0)), Served("play", Fragment(kVideo, 0)));
   EXPECT_EQ(ReadFile(SessionPath("SS", "play", "seek_time")), "0");
-  const FragmentFile first = ParseFragment(Slurp(fragments + Fragment(kVideo, 0)));
+  const auto first = orvotest::ReadMp4Fragment(fragments + Fragment(kVideo, 0));
   EXPECT_TRUE(first.complete);
   EXPECT_NEAR(first.time, 0, kFrame);
   ASSERT_TRUE(RunEnds("play"));
@@ -217,18 +144,18 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
 
   // Every chunk of the manifest is a fragment of both streams, and there is
   // no other.
-  const std::string manifest = Slurp(SmoothStream("play").GetMainfest());
+  const std::string manifest = toolkit::ReadWholeFile(SmoothStream("play").GetMainfest());
   const std::vector<long long> chunks = ChunkStarts(manifest);
   ASSERT_EQ(chunks.size(), 26u);  // 130 s
   EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(200000)", "video"), chunks);
   EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(40000)", "audio"), chunks);
 
   // A client decodes the fragments with the manifest's parameter sets.
-  const std::string privateData = FromHex(Attribute(manifest, "CodecPrivateData"));
-  const FragmentFile second = ParseFragment(Slurp(fragments + Fragment(kVideo, 50000000)));
+  const std::string privateData = orvotest::BytesFromHex(Attribute(manifest, "CodecPrivateData"));
+  const auto second = orvotest::ReadMp4Fragment(fragments + Fragment(kVideo, 50000000));
   EXPECT_TRUE(second.complete);
   const std::string stream = Root().At("/fragment.h264");
-  std::ofstream(stream, std::ios::binary) << privateData << second.annexB;
+  std::ofstream(stream, std::ios::binary) << privateData << second.AnnexB();
   orvotest::ProbedMedia probed;
   ASSERT_TRUE(orvotest::ProbeMedia(stream, &probed, "h264"));
   ASSERT_NE(probed.Stream("video"), nullptr);
@@ -259,7 +186,7 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
             Served("play", Fragment(kVideo, 1200000000)));
   EXPECT_EQ(ReadFile(SessionPath("SS", "play", "seek_time")), "120");
   EXPECT_FALSE(fs::exists(fragments + Fragment(kVideo, 0)));
-  const FragmentFile far = ParseFragment(Slurp(fragments + Fragment(kVideo, 1200000000)));
+  const auto far = orvotest::ReadMp4Fragment(fragments + Fragment(kVideo, 1200000000));
   EXPECT_TRUE(far.complete);
   EXPECT_NEAR(far.time, 1200000000, kFrame);
   EXPECT_TRUE(orvotest::Ends(firstMonitor));
@@ -297,7 +224,7 @@ TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
   orvotest::WaitForChild(killed, 5);
 
   ASSERT_EQ(Request("k", far), Served("k", far));
-  const FragmentFile served = ParseFragment(Slurp(SessionPath("SS", "k", "smooth/" + far)));
+  const auto served = orvotest::ReadMp4Fragment(SessionPath("SS", "k", "smooth/" + far));
   EXPECT_TRUE(served.complete);
   EXPECT_NEAR(served.time, 1200000000, kFrame);
   EXPECT_EQ(orvotest::RunInChild([] { return SmoothStream("k").Close() ? 0 : 1; }), 0);

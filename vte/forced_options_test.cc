@@ -101,7 +101,6 @@ TEST(ForcedOptionsTest, VideoSizeFittedToTheSource) {
       << log.Dump();
 }
 
-// The platform is read once per process; this case plays Evansport alone.
 TEST(ForcedOptionsTest, HardwareGetsTheFittedSizeWithoutAspect) {
   orvotest::PlatformFiles evansport;
   evansport.name = "evansport";

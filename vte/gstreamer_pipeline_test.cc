@@ -36,8 +36,6 @@ Words Cat(std::initializer_list<Words> parts) {
   return all;
 }
 
-// The platform is read once per process: the test process never reads it,
-// and each row's child sees the platform the root plays at that moment.
 TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
   orvotest::MachineRoot root;
   const std::string program = orvotest::StandInProgram();

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/volume.h"
+#include "platform/whole_file.h"
 #include "vte/hls_playlists.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/vteutils.h"
@@ -73,7 +75,7 @@ bool HttpLiveStream::ParseFragment(const std::string& fragmentId, int* fragment)
 
 bool HttpLiveStream::SegmentIsWhole(int fragment) const {
   std::string list;
-  return ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), list) && ListedWhole(list, fragment);
+  return librh::ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), &list) && ListedWhole(list, fragment);
 }
 
 bool HttpLiveStream::ListedWhole(const std::string& list, int fragment) const {
@@ -93,7 +95,7 @@ bool HttpLiveStream::ListedWhole(const std::string& list, int fragment) const {
 
 void HttpLiveStream::RemoveCutSegments(int from) const {
   std::string list;
-  ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), list);
+  librh::ReadWholeFile(GetVTEFileFullPath(kSegmentListFile), &list);
   int fragment = from;
   while (ListedWhole(list, fragment)) ++fragment;
   // Past the first cut one nothing was written whole either.
@@ -173,7 +175,7 @@ std::string HttpLiveStream::ReadFragment(const std::string& fragmentId) {
       ORVO_LOG(LOG_ERR, "ReadFragment: no run left to write file[%s]", fragmentId.c_str());
       break;
     }
-    sleep(1);
+    librh::waits::Sleep(1);
     if (!CheckSequence() || round == kReadRounds) break;
   }
   return "";

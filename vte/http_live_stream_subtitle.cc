@@ -2,9 +2,11 @@
 // playlist template with a placeholder for the subtitle id; each subtitle's
 // playlist is made from it when a client asks for that subtitle, so one
 // master playlist can offer any number of them without writing all up front.
+
 #include <exception>
 
 #include "platform/log.h"
+#include "platform/whole_file.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/vteutils.h"
@@ -45,7 +47,7 @@ std::string HttpLiveStream::GenSubtitlePlaylist(const std::string& subtitleId) c
     const std::string name = hls::SubtitlePlaylistName(subtitleId);
     if (name.empty()) return "";
     std::string templateText;
-    if (!ReadWholeFile(GetVTEFileFullPath(kTemplateFile), templateText)) {
+    if (!librh::ReadWholeFile(GetVTEFileFullPath(kTemplateFile), &templateText)) {
       ORVO_LOG(LOG_ERR, "failed to open file %s", kTemplateFile);
       return "";
     }

@@ -10,6 +10,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
+#include "toolkit/files.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
 
@@ -136,12 +137,6 @@ TEST(InternalSubtitleEntries, OffersTextTracksOfAllowedContainers) {
 // beside three subtitle files; each request runs in a process of its own.
 class HlsSubtitleSessionTest : public orvotest::MachineRootTest {
  protected:
-  std::string Read(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
   // Every path under the machine root (links not followed).
   std::set<std::string> Tree() {
     std::set<std::string> paths;
@@ -177,7 +172,7 @@ TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheS
   // External files in pattern order (Movie2.srt belongs to another video),
   // then the text track.
   std::string offered;
-  std::istringstream master(Read(dir + "/" + id + ".m3u8"));
+  std::istringstream master(toolkit::ReadWholeFile(dir + "/" + id + ".m3u8"));
   for (std::string line; std::getline(master, line);) {
     if (line.rfind("#EXT-X-MEDIA:", 0) != 0) continue;
     const size_t name = line.find("NAME=\"") + 6;
@@ -192,7 +187,7 @@ TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheS
             offered);
   const std::string url = "/s?id=m7&subtitle_id=";
   EXPECT_EQ(Head(5) + Window(url + hls::kSubtitleIdPlaceholder, 2, 0, 5) + "#EXT-X-ENDLIST\n",
-            Read(dir + "/subtitle.m3u8.tpl"));
+            toolkit::ReadWholeFile(dir + "/subtitle.m3u8.tpl"));
 
   // Clients name the subtitle; whatever they send, only the session
   // directory gets a playlist. A name too long for the file system gets
@@ -223,7 +218,7 @@ TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheS
                                    real + "/escape.subtitle.m3u8", real + "/...subtitle.m3u8"}),
             added);
   EXPECT_EQ(Head(5) + Window(url + encoded, 2, 0, 5) + "#EXT-X-ENDLIST\n",
-            Read(dir + "/Movie.eng.srt.subtitle.m3u8"));
+            toolkit::ReadWholeFile(dir + "/Movie.eng.srt.subtitle.m3u8"));
 
   EXPECT_EQ("closed", orvotest::TextFromChild([&] {
               return std::string(HttpLiveStream(id).Close() ? "closed" : "not closed");

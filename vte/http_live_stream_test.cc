@@ -19,6 +19,7 @@
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
+#include "toolkit/files.h"
 
 // The stream's decisions on sessions written straight from probed media;
 // the processes they start are exercised in tests/hls_playback_test.cc.
@@ -348,8 +349,7 @@ TEST_F(HttpLiveStreamTest, PlaylistsNeedADurationAndSubtitlesAMasterPlaylist) {
   Session("s", Media::kH264AacMp4, kRemux);
   HttpLiveStream stream("s");
   ASSERT_TRUE(stream.GenVideoPlaylist(params));
-  std::ifstream written(stream.GetMainfest("", ""));
-  const std::string text((std::istreambuf_iterator<char>(written)), {});
+  const std::string text = toolkit::ReadWholeFile(stream.GetMainfest("", ""));
   EXPECT_EQ(text,
             "#EXTM3U\n#EXT-X-TARGETDURATION:8\n#EXT-X-MEDIA-SEQUENCE:0\n"
             "#EXTINF:2,\n/api/stream?format=hls&id=s&fragment_id=00000\n#EXT-X-ENDLIST\n");

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <exception>
 
+#include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "vte/session_tree.h"
@@ -50,7 +51,7 @@ bool WaitForTranscodingSlot(bool hardware) {
       LibReelhall::TransLoading registry;
       if (registry.TransEnable(hardware)) return true;
     }
-    sleep(1);
+    librh::waits::Sleep(1);
   }
   return false;
 }
@@ -245,7 +246,7 @@ int HttpStream::Read(char* buffer, unsigned int length) {
   fd_set readable;
   FD_ZERO(&readable);
   FD_SET(fd, &readable);
-  struct timeval timeout = {kReadTimeoutSeconds, 0};
+  struct timeval timeout = librh::waits::Timeout(kReadTimeoutSeconds);
   const int ready = select(fd + 1, &readable, nullptr, nullptr, &timeout);
   if (ready < 0) {
     ORVO_LOG(LOG_ERR, "Select error: %d", errno);

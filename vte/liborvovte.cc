@@ -15,6 +15,7 @@
 #include "vte/session_sweep.h"
 #include "vte/session_tree.h"
 #include "vte/utils/md5.h"
+#include "vte/utils/session_path.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -133,7 +134,7 @@ Creation CreateSession(const std::string& id, const std::string& type,
   }
   const std::string typeDir = TypeDir(type);
   if (!session::MakeTypeDir(typeDir)) return Creation::kFailed;
-  const std::string sessionDir = typeDir + "/" + id;
+  const std::string sessionDir = SessionFilePath(type, id, "");
 
   if (type == "HTTP") {
     if (mkdir(sessionDir.c_str(), kSessionMode) == 0) {
@@ -263,9 +264,7 @@ std::string VTEStream::GetVTEFileFullPath(const std::string& name) const {
   if (!session::Usable(entry) || (entry.kind == session::Entry::kMissing && !name.empty())) {
     return "";
   }
-  std::string path = TypeDir(type_) + "/" + streamId_;
-  if (!name.empty()) path += "/" + name;
-  return path;
+  return SessionFilePath(type_, streamId_, name);
 }
 
 bool VTEStream::IsRemux(const std::string& profileFile, const std::string& profileName) {

@@ -11,6 +11,7 @@
 #include "platform/olibc.h"
 #include "platform/orvofs.h"
 #include "platform/run_as.h"
+#include "vte/utils/session_path.h"
 #include "platform/volume.h"
 
 namespace LibOrvoVTE {
@@ -108,7 +109,7 @@ bool MakeTypeDir(const std::string& dir) {
 
 Entry Inspect(const std::string& type, const std::string& id) {
   Entry entry;
-  const std::string path = TypeDir(type) + "/" + id;
+  const std::string path = SessionFilePath(type, id, "");
   struct stat info;
   if (lstat(path.c_str(), &info) != 0) {
     entry.kind = errno == ENOENT ? Entry::kMissing : Entry::kForeign;
@@ -135,7 +136,7 @@ bool Usable(const Entry& entry) {
 
 bool CreateLink(const std::string& type, const std::string& id, const std::string& volumeDir,
                 bool exclusive) {
-  const std::string path = TypeDir(type) + "/" + id;
+  const std::string path = SessionFilePath(type, id, "");
   if (exclusive) return symlink(volumeDir.c_str(), path.c_str()) == 0;
   // Made aside under a name of this process, then renamed into place: a
   // rename replaces in one step, where unlink and symlink would let a
@@ -176,7 +177,7 @@ bool RemoveTree(const std::string& path, int attempts) {
 bool Remove(const std::string& type, const std::string& id, int attempts) {
   const Entry entry = Inspect(type, id);
   if (entry.kind != Entry::kMade) return false;
-  const std::string path = TypeDir(type) + "/" + id;
+  const std::string path = SessionFilePath(type, id, "");
   if (type == kHttpType) return RemoveTree(path, attempts);
   unlink(path.c_str());
   if (entry.dir.empty()) return true;

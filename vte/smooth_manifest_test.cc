@@ -3,16 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
+#include "toolkit/files.h"
 #include "vte/smooth_manifest.h"
 #include "vte/smooth_stream.h"
 #include "vte/utils/json_utils.h"
@@ -27,13 +27,6 @@ const std::string kProfileFile = std::string(ORVOVTE_SAMPLE_PROFILES) + "/smooth
 
 // A source at each aspect class: 4:3, 16:9 and 2.35:1.
 const float kClassRatios[] = {4.0f / 3, 16.0f / 9, 2.35f};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // What a profile's name promises, read independently of the tables:
 // "smoothstreaming_hd720_x264_vb1500_vf15_aac_ab128" is height 720, video
@@ -218,7 +211,7 @@ TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
   ASSERT_EQ(orvotest::RunQuietly(argv, 60), 0);
   for (const auto& [path, values] : outputs) {
     std::string hex;
-    for (unsigned char byte : Slurp(path)) {
+    for (unsigned char byte : toolkit::ReadWholeFile(path)) {
       static const char kDigits[] = "0123456789abcdef";
       hex += kDigits[byte >> 4];
       hex += kDigits[byte & 15];
@@ -246,7 +239,7 @@ TEST_F(SmoothInit, WritesTheManifestOrRemovesTheSession) {
   ASSERT_TRUE(stream.Init(params, Json::Value(), "", "")) << stream.GetErrorString();
   QualityValues values;
   ASSERT_TRUE(smooth::ProfileValues(profile, false, 4.0f / 3, values));
-  EXPECT_EQ(Slurp(stream.GetMainfest()),
+  EXPECT_EQ(toolkit::ReadWholeFile(stream.GetMainfest()),
             smooth::RenderManifest(2, "/api/stream?format=ss&amp;id=ss1&amp;token=t&quot;k",
                                    values));
   EXPECT_EQ(stream.GetMainfest(), stream.GetVTEFileFullPath("manifest_predict"));

@@ -14,6 +14,7 @@
 #include <exception>
 #include <limits>
 
+#include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
@@ -275,7 +276,7 @@ std::string SmoothStream::ReadFragment(const std::string& fragmentId) {
       ORVO_LOG(LOG_ERR, "ReadFragment: timeout file[%s]", fragmentId.c_str());
       return "";
     }
-    sleep(1);
+    librh::waits::Sleep(1);
   }
   // Once the session is closed no fragment of it is served.
   const std::string path =

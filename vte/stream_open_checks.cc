@@ -1,11 +1,11 @@
 // The checks a stream makes when it is opened, before any transcoder runs.
 #include <signal.h>
-#include <time.h>
 
 #include <exception>
 
 #include "decisions/argument_helper.h"
 #include "decisions/platform_utils.h"
+#include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
@@ -58,8 +58,7 @@ void AskConversionToYield() {
 void WaitForConversionToYield() {
   for (int poll = 0; poll < kYieldPolls; ++poll) {
     if (!OfflineConverting()) return;
-    struct timespec second = {1, 0};
-    nanosleep(&second, nullptr);
+    librh::waits::Sleep(1);
   }
 }
 

@@ -19,15 +19,14 @@
 #include "tests/support/launchers.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "tests/support/short_waits.h"
 #include "tests/support/test_media.h"
 #include "vte/liborvovte.h"
 #include "vte/utils/json_utils.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
-// Every case opens real sessions made by VTE_Init from generated media. The
-// platform is fixed once per process, so cases that play another platform
-// than x86 do it in a child of their own.
+// Every case opens real sessions made by VTE_Init from generated media.
 namespace LibOrvoVTE {
 namespace {
 
@@ -55,13 +54,11 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The offline conversion service, played by the conversion-standin program
-// built beside this test program.
+// The offline conversion service, played by the conversion-standin program.
 class StandIn {
  public:
   explicit StandIn(std::vector<std::string> options) {
-    const fs::path tests = fs::read_symlink("/proc/self/exe").parent_path();
-    options.insert(options.begin(), tests.parent_path().string() + "/tools/conversion-standin");
+    options.insert(options.begin(), ORVOTEST_CONVERSION_STANDIN);
     if (access(options[0].c_str(), X_OK) != 0) {
       ADD_FAILURE() << options[0] << " is missing: build the conversion-standin target";
       return;
@@ -102,11 +99,16 @@ class OpenChecksTest : public ::testing::Test {
   // A session of `media` with `profile`, opened by a new stream object.
   std::string Open(const std::string& media, const std::string& profile,
                    const std::string& audioId = "", bool stopOfflineConversion = false) {
+    return Create(media, profile) ? Check(audioId, stopOfflineConversion) : "no session";
+  }
+  bool Create(const std::string& media, const std::string& profile) {
     // Ids drawn from the clock repeat within a second: each session gets its own.
     Json::Value params;
     params["stream_id"] = "open-" + std::to_string(++sessions_);
     id_ = VTEStream::VTE_Init(media, kType, params, profiles_, profile, "browser", 0);
-    if (id_.empty()) return "no session";
+    return !id_.empty();
+  }
+  std::string Check(const std::string& audioId, bool stopOfflineConversion) {
     OpenedStream stream(id_, kType);
     return Outcome(stream.InitStreamCommon(audioId, stopOfflineConversion), stream);
   }
@@ -208,13 +210,11 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
       {"braswell", "pipeline", vp9, "opened"},  // its pipeline choice decides instead
   };
   for (const Row& row : rows) {
-    const std::string outcome = orvotest::TextFromChild([&] {
-      orvotest::PlatformFiles files;
-      files.name = row.platform;
-      orvotest::MachineRoot root(files);
-      return Open(row.media, row.profile);
-    }, 60);
-    EXPECT_EQ(row.outcome, outcome) << row.platform << " " << row.profile << " " << row.media;
+    orvotest::PlatformFiles files;
+    files.name = row.platform;
+    root_.Play(files);
+    EXPECT_EQ(row.outcome, Open(row.media, row.profile))
+        << row.platform << " " << row.profile << " " << row.media;
   }
 }
 
@@ -262,10 +262,12 @@ TEST_F(OpenChecksTest, ServiceThatNeverYieldsIsWaitedForAboutHalfAMinute) {
   const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
   StandIn service({"--yield-after", "90"});
   ASSERT_TRUE(service.Ready());
+  ASSERT_TRUE(Create(h264, "encode"));
+  orvotest::ShortWaits shortWaits;
   const auto start = std::chrono::steady_clock::now();
   // The conversion still holds the one software slot when the wait ends.
-  EXPECT_EQ("refused TransEnable", Open(h264, "encode", "", true));
-  const double waited = SecondsSince(start);
+  EXPECT_EQ("refused TransEnable", Check("", true));
+  const double waited = orvotest::ShortWaits::Seconds(std::chrono::steady_clock::now() - start);
   EXPECT_GE(waited, 29.0);
   EXPECT_LT(waited, 45.0);
   EXPECT_TRUE(service.Running());
@@ -273,15 +275,12 @@ TEST_F(OpenChecksTest, ServiceThatNeverYieldsIsWaitedForAboutHalfAMinute) {
 
 TEST_F(OpenChecksTest, BraswellStreamsRunBesideOfflineConversions) {
   const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
-  const std::string outcome = orvotest::TextFromChild([&] {
-    orvotest::PlatformFiles files;
-    files.name = "braswell";
-    orvotest::MachineRoot root(files);
-    StandIn service({"--hardware"});
-    const std::string opened = Open(h264, "pipeline");
-    return opened + (service.Running() && service.Ready() ? ", service undisturbed" : "");
-  }, 60);
-  EXPECT_EQ("opened, service undisturbed", outcome);
+  orvotest::PlatformFiles braswell;
+  braswell.name = "braswell";
+  root_.Play(braswell);
+  StandIn service({"--hardware"});
+  EXPECT_EQ("opened", Open(h264, "pipeline"));
+  EXPECT_TRUE(service.Running() && service.Ready()) << "the service must be left undisturbed";
 }
 
 TEST_F(OpenChecksTest, SessionProblemsRefuse) {

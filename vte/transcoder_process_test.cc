@@ -87,8 +87,6 @@ Json::Value RegistryEntry(const std::string& registryFile, int pid) {
   return Json::Value();
 }
 
-// The platform is read once per process: the test process never reads it,
-// so each child sees the machine root's platform.
 TEST(ExecuteTranscodingTest, ArgumentVectorAndPipeReachTheTranscoder) {
   orvotest::PlatformFiles evansport;
   evansport.name = "evansport";

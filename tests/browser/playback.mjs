@@ -27,7 +27,7 @@ function missing() {
   for (const name of ['playwright-core', 'hls.js', 'dashjs', 'mpegts.js']) {
     if (!fs.existsSync(path.join(webapi, 'node_modules', name))) return name;
   }
-  for (const tool of ['tools/webapi/webapi-cgi', 'tools/subtitle-service', 'tools/launchers/ffmpeg-launcher']) {
+  for (const tool of ['tools/webapi/webapi-cgi', 'nas/subtitle-service', 'nas/launchers/ffmpeg-launcher']) {
     if (!fs.existsSync(path.join(build, tool))) return tool;
   }
   try { execFileSync('lighttpd', ['-v']); } catch { return 'lighttpd'; }

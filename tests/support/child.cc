@@ -2,78 +2,25 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
 #include <pwd.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
+
+#include "toolkit/answer_file.h"
 
 namespace orvotest {
 
-pid_t StartChild(const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid != 0) return pid;
-  int status = 1;
-  status = body();
-  _exit(status);
-}
-
-int WaitForChild(pid_t pid, int timeoutSeconds) {
-  if (pid < 0) return -1;
-  const long long deadlineMs = timeoutSeconds * 1000LL;
-  for (long long waitedMs = 0;; waitedMs += 10) {
-    int status = 0;
-    pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if (done < 0) return -1;
-    if (waitedMs >= deadlineMs) break;
-    struct timespec tick = {0, 10 * 1000 * 1000};
-    nanosleep(&tick, nullptr);
-  }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-  return -1;
-}
-
-int RunInChild(const std::function<int()>& body, int timeoutSeconds) {
-  return WaitForChild(StartChild(body), timeoutSeconds);
-}
-
 std::string TextFromChild(const std::function<std::string()>& body, int timeoutSeconds) {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return "<child failed with status -1>";
-  const pid_t pid = StartChild([&] {
-    close(fds[0]);
-    const std::string text = body();
-    size_t done = 0;
-    while (done < text.size()) {
-      const ssize_t wrote = write(fds[1], text.data() + done, text.size() - done);
-      if (wrote <= 0) return 1;
-      done += wrote;
-    }
-    return 0;
-  });
-  close(fds[1]);
-  // The child may hang with the pipe open, so reading is bounded as well.
-  std::string text;
-  struct timespec start;
-  clock_gettime(CLOCK_MONOTONIC, &start);
-  for (;;) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long leftMs = timeoutSeconds * 1000LL - ((now.tv_sec - start.tv_sec) * 1000LL +
-                                                        (now.tv_nsec - start.tv_nsec) / 1000000);
-    struct pollfd readable = {fds[0], POLLIN, 0};
-    if (pid < 0 || leftMs <= 0 || poll(&readable, 1, static_cast<int>(leftMs)) <= 0) break;
-    char chunk[4096];
-    const ssize_t got = read(fds[0], chunk, sizeof(chunk));
-    if (got <= 0) break;
-    text.append(chunk, got);
-  }
-  close(fds[0]);
-  const int status = WaitForChild(pid, 1);
-  return status == 0 ? text : "<child failed with status " + std::to_string(status) + ">";
+  const toolkit::AnswerFile answer;
+  const int status = RunInChild([&] { return answer.Write(body()) ? 0 : 1; }, timeoutSeconds);
+  return status == 0 ? answer.Read() : "<child failed with status " + std::to_string(status) + ">";
+}
+
+void SendOutputTo(const std::string& log) {
+  const int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  dup2(fd, STDOUT_FILENO);
+  dup2(fd, STDERR_FILENO);
+  close(fd);
 }
 
 bool DropToUnprivilegedUser() {

@@ -1,29 +1,56 @@
-// Running part of a test in a real child process, with a bounded wait.
+// Running part of a test, or a program, in a real child process with a
+// bounded wait (toolkit/child_process.h under the tests' names).
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "toolkit/child_process.h"
 
 namespace orvotest {
 
-// Forks, runs `body` in the child and _exits with its result. Waits at most
-// `timeoutSeconds`, then kills the child. Returns the child's exit status, or
-// -1 when it was killed, crashed or could not be started.
-int RunInChild(const std::function<int()>& body, int timeoutSeconds = 30);
-
 // Forks a child that runs `body` and _exits; returns its pid without waiting
 // (-1 on failure). The caller reaps it with WaitForChild.
-pid_t StartChild(const std::function<int()>& body);
+inline pid_t StartChild(const std::function<int()>& body) { return toolkit::StartFunction(body); }
 
-// Waits at most `timeoutSeconds` for `pid`; kills and reaps it when late.
-// Returns its exit status, or -1 as for RunInChild.
-int WaitForChild(pid_t pid, int timeoutSeconds = 30);
+// Waits at most `timeoutSeconds` for `pid`; stops and reaps it when late.
+// Returns its exit status, or -1 when it was late, crashed or is no child.
+inline int WaitForChild(pid_t pid, int timeoutSeconds = 30) {
+  return toolkit::WaitFor(pid, std::chrono::seconds(timeoutSeconds));
+}
+
+// StartChild, then WaitForChild.
+inline int RunInChild(const std::function<int()>& body, int timeoutSeconds = 30) {
+  return WaitForChild(StartChild(body), timeoutSeconds);
+}
 
 // Runs `body` in a child as RunInChild does and hands back the text it
 // returned; "<child failed with status N>" when it did not end with 0 in time.
 std::string TextFromChild(const std::function<std::string()>& body, int timeoutSeconds = 30);
+
+// Starts `argv` (argv[0] looked up in PATH) with stdin, stdout and stderr on
+// /dev/null; `inherited` descriptors stay open in it. The pid, or -1. The
+// caller reaps it with WaitForChild.
+inline pid_t StartProgram(const std::vector<std::string>& argv,
+                          const std::vector<int>& inherited = {}) {
+  toolkit::Wiring quiet;
+  quiet.out = quiet.err = toolkit::kDevNull;
+  quiet.kept = inherited;
+  return toolkit::StartProgram(argv, quiet);
+}
+
+// StartProgram, then WaitForChild.
+inline int RunQuietly(const std::vector<std::string>& argv, int timeoutSeconds) {
+  return WaitForChild(StartProgram(argv), timeoutSeconds);
+}
+
+// Sends the calling process's standard output and error to the end of the
+// file `log`: what the processes it starts print goes there too.
+void SendOutputTo(const std::string& log);
 
 // Drops every id of the calling process to the unprivileged "nobody" user
 // for good (real, effective and saved). False when that is impossible.

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "tests/support/child.h"
 #include "tests/support/test_media.h"
 
 namespace orvotest {
@@ -51,25 +52,6 @@ std::string LauncherTest::SessionDir(const std::string& name) {
   fs::create_directories(dir, failure);
   if (failure) ADD_FAILURE() << "cannot create " << dir << ": " << failure.message();
   return dir;
-}
-
-pid_t StartProgram(const std::vector<std::string>& argv, const std::vector<int>& inherited) {
-  if (argv.empty()) return -1;
-  // Prepared before fork: the child may only make async-signal-safe calls.
-  std::vector<char*> words;
-  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
-  words.push_back(nullptr);
-  const int devnull = open("/dev/null", O_RDWR | O_CLOEXEC);
-  if (devnull < 0) return -1;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(devnull, fd);
-    for (int fd : inherited) fcntl(fd, F_SETFD, 0);
-    execv(words[0], words.data());
-    _exit(127);
-  }
-  close(devnull);
-  return pid;
 }
 
 bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough) {

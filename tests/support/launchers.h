@@ -1,4 +1,4 @@
-// The transcoder launchers (tools/launchers) in a machine root, and the
+// The transcoder launchers (nas/launchers) in a machine root, and the
 // means to run them and look at what they wrote.
 #pragma once
 
@@ -27,11 +27,6 @@ class LauncherTest : public MachineRootTest {
   // A new directory on the data volume, as a session directory would be.
   std::string SessionDir(const std::string& name);
 };
-
-// Starts `argv` (argv[0] an absolute path) with stdin, stdout and stderr on
-// /dev/null; `inherited` descriptors stay open in it. The pid, or -1. The
-// caller reaps it (WaitForChild in child.h).
-pid_t StartProgram(const std::vector<std::string>& argv, const std::vector<int>& inherited = {});
 
 // Reads `fd` into `data` until end of file, or until `data` holds at least
 // `enough` bytes, for at most `timeoutMs` milliseconds. False when time ran out.

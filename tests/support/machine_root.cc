@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "platform/machine_root.h"
+#include "platform/test_seams.h"
 
 namespace orvotest {
 namespace fs = std::filesystem;
@@ -61,6 +62,7 @@ MachineRoot::~MachineRoot() {
     unsetenv(machine::kRootVariable);
   }
   RemoveTree(root_);
+  librh::seams::ForgetPlatform();
 }
 
 void MachineRoot::WriteFile(const std::string& machinePath, const std::string& content) const {
@@ -82,6 +84,7 @@ void MachineRoot::Play(const PlatformFiles& platform) const {
     WriteFile(machine::kOrvoPlatform, platform.hostPlatform + "\n");
   }
   WriteFile(machine::kCpuInfo, CpuInfo(platform));
+  librh::seams::ForgetPlatform();
 }
 
 std::string MachineRoot::AddVolume(int number) const {

@@ -18,6 +18,8 @@ struct PlatformFiles {
   std::string hostPlatform;  // first line of /proc/orvo_platform ("" writes no file)
 };
 
+// The library reads the platform afresh after a root is made, played or
+// removed, as a new process would; between those, once, as a process does.
 class MachineRoot {
  public:
   // Creates the tree and points ORVOVTE_MACHINE_ROOT at it.

@@ -1,7 +1,5 @@
 #include "tests/support/playback.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -18,6 +16,8 @@
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
 #include "tests/support/stream_watch.h"
+#include "toolkit/files.h"
+#include "toolkit/process_table.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/json_utils.h"
 
@@ -33,37 +33,12 @@ constexpr char kProfiles[] = R"({
   "gst": "vaapipostproc width=320 height=240 @VERTICAL@ ! videoflip ! vaapih264enc rate-control=cbr bitrate=300 ! h264parse$audioconvert ! audioresample ! audio/x-raw,rate=48000,channels=2 ! avenc_aac bitrate=64000 ! aacparse$mpegtsmux"
 })";
 
-// The transcoders inherit a request's output: their chatter goes to the
-// request log rather than into the test's output.
-void Quiet(const std::string& log) {
-  const int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  dup2(fd, STDOUT_FILENO);
-  dup2(fd, STDERR_FILENO);
-  close(fd);
-}
-
 }  // namespace
 
 std::vector<pid_t> ChildrenOf(pid_t parent) {
-  std::vector<pid_t> children;
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return children;
-  while (const dirent* entry = readdir(proc)) {
-    const pid_t pid = atoi(entry->d_name);
-    if (pid <= 0) continue;
-    std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
-    const std::string stat((std::istreambuf_iterator<char>(in)), {});
-    const size_t end = stat.rfind(')');
-    char state = 0;
-    int ppid = 0;
-    if (end != std::string::npos && sscanf(stat.c_str() + end + 1, " %c %d", &state, &ppid) == 2 &&
-        ppid == parent && state != 'Z') {
-      children.push_back(pid);
-    }
-  }
-  closedir(proc);
-  return children;
+  std::vector<pid_t> pids;
+  for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(parent)) pids.push_back(child.pid);
+  return pids;
 }
 
 bool CompleteSegment(const std::string& path, double* videoStart, long* videoFrames) {
@@ -95,44 +70,29 @@ void PlaybackTest::TearDown() {
     ChildrenEnded(2);
   }
   if (HasFailure()) {
-    std::ifstream in(requestLog_);
-    const std::string log((std::istreambuf_iterator<char>(in)), {});
+    const std::string log = toolkit::ReadWholeFile(requestLog_);
     std::cerr << log.substr(log.size() > 4000 ? log.size() - 4000 : 0);
   }
   root_.reset();
 }
 
 PlaybackTest::Request PlaybackTest::StartRequest(const std::function<std::string()>& body) {
-  // The text comes back through an unlinked file: it has no end for a
-  // monitor's copy of the descriptor to hold back.
   Request request;
-  std::string name = root_->Path() + "/answer-XXXXXX";
-  request.answer = mkostemp(name.data(), O_CLOEXEC);
-  if (request.answer < 0) return request;
-  unlink(name.c_str());
-  const int answer = request.answer;
+  request.answer = std::make_shared<toolkit::AnswerFile>(root_->Path());
+  const toolkit::AnswerFile& answer = *request.answer;
   const std::string log = requestLog_;
   request.pid = StartChild([&] {
-    Quiet(log);
-    const std::string text = body();
-    return pwrite(answer, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) ? 0
-                                                                                            : 1;
+    // The transcoders inherit the request's output: their chatter goes to
+    // the request log rather than into the test's output.
+    SendOutputTo(log);
+    return answer.Write(body()) ? 0 : 1;
   });
   return request;
 }
 
 std::string PlaybackTest::FinishRequest(Request request, int timeoutSeconds) {
   const int status = WaitForChild(request.pid, timeoutSeconds);
-  std::string text;
-  char chunk[4096];
-  ssize_t got = 0;
-  for (off_t at = 0;
-       request.answer >= 0 && (got = pread(request.answer, chunk, sizeof(chunk), at)) > 0;
-       at += got) {
-    text.append(chunk, static_cast<size_t>(got));
-  }
-  if (request.answer >= 0) close(request.answer);
-  return status == 0 ? text : "<request failed: " + std::to_string(status) + ">";
+  return status == 0 ? request.answer->Read() : "<request failed: " + std::to_string(status) + ">";
 }
 
 std::string PlaybackTest::Open(const std::string& id, const std::string& profile, Media media) {
@@ -171,7 +131,7 @@ std::string PlaybackTest::Segment(const std::string& id, int fragment, int timeo
 pid_t PlaybackTest::StartSegment(const std::string& id, int fragment) {
   const std::string log = requestLog_;
   return StartChild([id, fragment, log] {
-    Quiet(log);
+    SendOutputTo(log);
     LibOrvoVTE::HttpLiveStream stream(id);
     const std::string number = std::to_string(fragment);
     return stream.Transcoding(number) && !stream.ReadFragment(number).empty() ? 0 : 1;

@@ -12,6 +12,7 @@
 
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
+#include "toolkit/answer_file.h"
 
 namespace orvotest {
 
@@ -47,11 +48,11 @@ class PlaybackTest : public ::testing::Test {
 
   // A web request: `body` runs in a child process whose output, and that of
   // the monitors and transcoders it starts, goes to the request log. Its
-  // text comes back through a file once the request has ended, whatever
-  // the processes it started still hold.
+  // text comes back through an answer file once the request has ended,
+  // whatever the processes it started still hold.
   struct Request {
     pid_t pid = -1;
-    int answer = -1;
+    std::shared_ptr<toolkit::AnswerFile> answer;
   };
   Request StartRequest(const std::function<std::string()>& body);
   // Waits at most `timeoutSeconds` (then kills); the text, or

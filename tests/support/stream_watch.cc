@@ -1,6 +1,5 @@
 #include "tests/support/stream_watch.h"
 
-#include <dirent.h>
 #include <json/json.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -21,6 +20,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/launchers.h"
+#include "toolkit/process_table.h"
 #include "vte/liborvovte.h"
 #include "vte/utils/json_utils.h"
 #include "vte/utils/vteutils.h"
@@ -34,29 +34,10 @@ constexpr int kPidWaitMs = 10000;
 // one 2-second poll, then stops ffmpeg.
 constexpr int kEndSeconds = 15;
 
-// The parent pid in /proc/<pid>/stat, whose command name may hold spaces
-// and parentheses (the state and ppid follow the last ')').
-pid_t ParentOf(const std::string& pid) {
-  std::ifstream stat("/proc/" + pid + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  const size_t end = text.rfind(')');
-  if (end == std::string::npos) return -1;
-  std::istringstream rest(text.substr(end + 1));
-  std::string state;
-  pid_t parent = -1;
-  rest >> state >> parent;
-  return parent;
-}
-
 void KillChildren() {
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return;
-  while (const struct dirent* entry = readdir(proc)) {
-    const std::string name = entry->d_name;
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (ParentOf(name) == getpid()) kill(atoi(name.c_str()), SIGKILL);
+  for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(getpid())) {
+    kill(child.pid, SIGKILL);
   }
-  closedir(proc);
 }
 
 bool ReapAll() {

@@ -2,13 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/file.h>
-#include <sys/syscall.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -148,25 +143,6 @@ int LockCache() {
   return fd;
 }
 
-// A pidfd turns the bounded wait into one poll, so timings taken around
-// RunQuietly are not rounded up to a polling tick.
-int WaitBounded(pid_t pid, int timeoutSeconds) {
-  // Called directly: glibc 2.36 declares pidfd_open without C linkage for C++.
-  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (pidfd < 0) return WaitForChild(pid, timeoutSeconds);
-  const long long deadline = NowMs() + timeoutSeconds * 1000LL;
-  struct pollfd ended = {pidfd, POLLIN, 0};
-  int ready;
-  do {
-    ready = poll(&ended, 1, static_cast<int>(std::max(0LL, deadline - NowMs())));
-  } while (ready < 0 && errno == EINTR);
-  close(pidfd);
-  if (ready != 1) kill(pid, SIGKILL);
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || ready != 1) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 bool WriteAtomically(const std::string& path, const std::string& content) {
   const std::string temp = path + ".tmp";
   FILE* file = fopen(temp.c_str(), "we");
@@ -279,25 +255,6 @@ std::string TestMedia(Media kind) {
   const std::string made = Ensure(kind);
   close(lock);
   return made;
-}
-
-int RunQuietly(const std::vector<std::string>& argv, int timeoutSeconds) {
-  if (argv.empty()) return -1;
-  std::vector<char*> words;
-  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
-  words.push_back(nullptr);
-  // posix_spawnp searches PATH and reports a failed exec as its result, and
-  // nothing of this process runs between its fork and its exec.
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
-  }
-  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-  pid_t pid = -1;
-  const int failed = posix_spawnp(&pid, words[0], &actions, nullptr, words.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return failed == 0 ? WaitBounded(pid, timeoutSeconds) : -1;
 }
 
 }  // namespace orvotest

@@ -37,10 +37,4 @@ std::string MediaName(Media kind);
 // (with a gtest failure recorded) when generation fails.
 std::string TestMedia(Media kind);
 
-// Runs `argv` (argv[0] looked up in PATH) with stdin, stdout and stderr on
-// /dev/null and waits at most `timeoutSeconds`. The exit status, or -1 when
-// it could not be started, was killed by a signal, or was late (then it is
-// killed and reaped).
-int RunQuietly(const std::vector<std::string>& argv, int timeoutSeconds);
-
 }  // namespace orvotest

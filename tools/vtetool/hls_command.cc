@@ -1,6 +1,5 @@
 // HLS sessions by hand: open one, ask for a segment as a client would, look
 // at what a session holds and which processes serve it, and close it.
-#include <dirent.h>
 #include <unistd.h>
 
 #include <json/json.h>
@@ -8,9 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,6 +16,8 @@
 #include "tools/vtetool/command.h"
 #include "tools/vtetool/output.h"
 #include "tools/vtetool/web_request.h"
+#include "toolkit/files.h"
+#include "toolkit/process_table.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/json_utils.h"
 
@@ -30,13 +29,6 @@ using LibOrvoVTE::HttpLiveStream;
 constexpr char kType[] = "HLS";
 // What the web API would put in the playlists; only the operator reads them.
 constexpr char kUrl[] = "/api/stream";
-
-std::string ReadText(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 int Open(const Arguments& arguments) {
   const std::string device = arguments.size() > 3 ? arguments[3] : "";
@@ -84,28 +76,6 @@ int Segment(const Arguments& arguments) {
   return kOk;
 }
 
-// The pids whose parent is `parent`, with their command names.
-std::vector<std::pair<int, std::string>> ChildrenOf(int parent) {
-  std::vector<std::pair<int, std::string>> children;
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return children;
-  while (const dirent* entry = readdir(proc)) {
-    const int pid = atoi(entry->d_name);
-    if (pid <= 0) continue;
-    const std::string stat = ReadText("/proc/" + std::string(entry->d_name) + "/stat");
-    const size_t open = stat.find('(');
-    const size_t close = stat.rfind(')');
-    if (open == std::string::npos || close == std::string::npos) continue;
-    char state = 0;
-    int ppid = 0;
-    if (sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == parent) {
-      children.emplace_back(pid, stat.substr(open + 1, close - open - 1));
-    }
-  }
-  closedir(proc);
-  return children;
-}
-
 int State(const Arguments& arguments) {
   HttpLiveStream stream(arguments[0]);
   const std::string dir = stream.GetVTEFileFullPath("");
@@ -115,7 +85,7 @@ int State(const Arguments& arguments) {
   }
   PrintSessionDirectory(dir);
   for (const char* name : {"seek_time", "request_fragment_id", "request_sequence", "audio_format"}) {
-    const std::string value = ReadText(stream.GetVTEFileFullPath(name));
+    const std::string value = toolkit::ReadWholeFile(stream.GetVTEFileFullPath(name));
     std::cout << name << ": " << (value.empty() ? "-" : value) << "\n";
   }
 
@@ -123,9 +93,9 @@ int State(const Arguments& arguments) {
   std::vector<int> pids;
   if (monitor > 0 && OLIBCProcAlive(monitor)) {
     std::cout << "monitor: " << monitor << " (running)\n";
-    for (const auto& [pid, name] : ChildrenOf(monitor)) {
-      std::cout << "  child " << pid << " " << name << "\n";
-      pids.push_back(pid);
+    for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(monitor)) {
+      std::cout << "  child " << child.pid << " " << child.name << "\n";
+      pids.push_back(child.pid);
     }
   } else {
     std::cout << "monitor: " << (monitor > 0 ? std::to_string(monitor) + " (ended)" : "none")

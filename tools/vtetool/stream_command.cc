@@ -18,6 +18,7 @@
 
 #include "platform/machine_root.h"
 #include "tools/vtetool/command.h"
+#include "toolkit/write_all.h"
 #include "vte/http_stream.h"
 
 namespace vtetool {
@@ -38,17 +39,6 @@ class ToolHttpStream : public LibOrvoVTE::HttpStream {
   using HttpStream::HttpStream;
   bool UsesGstreamer() const { return gstreamer_; }
 };
-
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t wrote = write(fd, data, size);
-    if (wrote < 0 && errno == EINTR && !gInterrupted) continue;
-    if (wrote <= 0) return false;
-    data += wrote;
-    size -= static_cast<size_t>(wrote);
-  }
-  return true;
-}
 
 class Progress {
  public:
@@ -183,7 +173,7 @@ int Stream(const Arguments& arguments) {
   while (!gInterrupted && written) {
     const int got = stream->Read(buffer, sizeof(buffer));
     if (got <= 0) break;
-    written = WriteAll(out, buffer, static_cast<size_t>(got));
+    written = toolkit::WriteAll(out, buffer, static_cast<size_t>(got), &gInterrupted);
     progress.Add(static_cast<size_t>(got));
   }
   progress.Finish();

@@ -1,51 +1,28 @@
 #include "tools/vtetool/web_request.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <iostream>
 
 #include "tools/vtetool/command.h"
+#include "toolkit/answer_file.h"
+#include "toolkit/child_process.h"
 #include "vte/liborvovte.h"
 
 namespace vtetool {
 
-// The answer comes back through an unlinked file once the request has
-// ended, whatever the processes it started still hold.
 bool AsWebRequest(const std::function<std::string()>& body, std::string* answer) {
-  std::string name = (std::filesystem::temp_directory_path() / "vtetool-answer-XXXXXX").string();
-  const int file = mkostemp(name.data(), O_CLOEXEC);
-  if (file < 0) return false;
-  unlink(name.c_str());
-  const pid_t pid = fork();
-  if (pid == 0) {
+  // The answer comes back once the request has ended, whatever the
+  // processes it started still hold.
+  const toolkit::AnswerFile file;
+  const pid_t pid = toolkit::StartFunction([&] {
     const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(devNull, fd);
-    const std::string text = body();
-    _exit(pwrite(file, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) ? 0 : 1);
-  }
-  int status = -1;
-  for (int tenths = 0; pid > 0 && tenths < kRequestTimeoutSeconds * 10; ++tenths) {
-    int raw = 0;
-    if (waitpid(pid, &raw, WNOHANG) == pid) {
-      status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-      break;
-    }
-    usleep(100000);
-  }
-  if (pid > 0 && status == -1 && waitpid(pid, nullptr, WNOHANG) == 0) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-  }
-  char buffer[4096];
-  const ssize_t got = pread(file, buffer, sizeof(buffer), 0);
-  close(file);
-  if (status != 0 || got < 0) return false;
-  answer->assign(buffer, static_cast<size_t>(got));
+    return file.Write(body()) ? 0 : 1;
+  });
+  if (toolkit::WaitFor(pid, kRequestTimeout) != 0) return false;
+  *answer = file.Read();
   return true;
 }
 

@@ -2,6 +2,7 @@
 // session, each request in a process of its own, and the close request.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -11,13 +12,13 @@ namespace vtetool {
 
 // A segment or fragment request waits at most a minute; this leaves room for
 // the rest of the request.
-constexpr int kRequestTimeoutSeconds = 75;
+constexpr std::chrono::seconds kRequestTimeout{75};
 
 // Runs `body` in a child process with its standard descriptors on /dev/null:
 // the monitor the request may fork inherits them and must not hold this
 // tool's output open. Stores the text `body` returned in `answer`. False when
-// the child failed or was still running after kRequestTimeoutSeconds (it is
-// killed then); the child is reaped on every path.
+// the child failed or was still running after kRequestTimeout (it is
+// stopped then); the child is reaped on every path.
 bool AsWebRequest(const std::function<std::string()>& body, std::string* answer);
 
 // Creates a session of `type` for the file `path` with `profile` of

@@ -1,5 +1,5 @@
-// The parts of a CGI request that the web API reads, as pure functions of
-// the texts the web server hands over (QUERY_STRING, HTTP_RANGE).
+// The parts of a CGI request that the web API reads: the web server's
+// environment, the query (parsed by toolkit/query.h) and the Range header.
 #pragma once
 
 #include <map>
@@ -7,15 +7,12 @@
 
 namespace webapi {
 
-// RFC 3986 percent-decoding; with `plusIsSpace` (form encoding, as browsers
-// send query strings) "+" becomes a blank. A "%" not followed by two hex
-// digits is kept as it is, so a malformed request still names something.
-std::string PercentDecode(const std::string& text, bool plusIsSpace);
+// The web server's environment variable `name`, "" when unset.
+std::string Env(const char* name);
 
-// "a=1&b=x%20y" as {a: "1", b: "x y"}. Keys and values are decoded; a key
-// without "=" has the empty value; the last of repeated keys wins. A value
-// may itself hold "=" (Smooth fragment names do: "Fragments(video=0)").
-std::map<std::string, std::string> ParseQuery(const std::string& query);
+using Query = std::map<std::string, std::string>;
+// The value of `name` in `query`, "" when absent.
+std::string Key(const Query& query, const char* name);
 
 // A single byte range of a resource `length` bytes long (RFC 7233).
 struct ByteRange {

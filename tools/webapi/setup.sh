@@ -45,8 +45,8 @@ echo 'support_codec_dts="no"' > "$root/var/packages/Reelhall/etc/codecs.conf"
 for cpu in 0 1; do
   printf 'processor\t: %d\nvendor_id\t: GenuineIntel\ncpu cores\t: 2\nbogomips\t: 4800.00\n\n' $cpu
 done > "$root/proc/cpuinfo"
-ln -sfn "$build/tools/launchers/ffmpeg-launcher" "$root/var/packages/Reelhall/target/bin/ffmpeg"
-ln -sfn "$build/tools/launchers/gst-launcher" "$root/var/packages/Reelhall/target/bin/gst-launch-1.0"
+ln -sfn "$build/nas/launchers/ffmpeg-launcher" "$root/var/packages/Reelhall/target/bin/ffmpeg"
+ln -sfn "$build/nas/launchers/gst-launcher" "$root/var/packages/Reelhall/target/bin/gst-launch-1.0"
 
 # Every endpoint is the one CGI program under its own name.
 mkdir -p "$state/api"
@@ -73,8 +73,8 @@ setenv.add-environment = (
   "PATH" => "/usr/local/bin:/usr/bin:/bin",
   "ORVOVTE_MACHINE_ROOT" => "$root",
   "WEBAPI_MEDIA_DIR" => "$media",
-  "WEBAPI_PROFILE_DIR" => "$here/../profiles",
-  "WEBAPI_SUBTITLE_SERVICE" => "$build/tools/subtitle-service",
+  "WEBAPI_PROFILE_DIR" => "$here/../../nas/profiles",
+  "WEBAPI_SUBTITLE_SERVICE" => "$build/nas/subtitle-service",
   "WEBAPI_LOG" => "$state/requests.log",
   "WEBAPI_BREAK_SEGMENTS" => "$break_segments"
 )

@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "platform/log.h"
-#include "vte/utils/vteutils.h"
+#include "platform/whole_file.h"
 
 namespace LibReelhall {
 namespace {
@@ -16,9 +16,7 @@ constexpr char kLogTag[] = "json_utils";
 bool ReadJsonFromFile(const std::string& path, Json::Value& out) {
   if (path.empty()) return false;
   std::string content;
-  // libstdc++'s file streams cannot ask for O_CLOEXEC; the whole content is
-  // read the stdio way and handed to the parser as a stream.
-  if (!LibOrvoVTE::ReadWholeFile(path, content)) return false;
+  if (!librh::ReadWholeFile(path, &content)) return false;
   try {
     std::istringstream stream(content);
     Json::Reader reader;

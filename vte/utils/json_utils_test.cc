@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <fstream>
 #include <string>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 
 namespace LibReelhall {
 namespace {
@@ -30,11 +30,10 @@ TEST_F(JsonUtilsTest, WritesOneLineThatReadsBackEqual) {
   const std::string path = Scratch("doc.json");
 
   ASSERT_TRUE(WriteJsonToFile(path, value));
-  std::ifstream written(path, std::ios::binary);
   EXPECT_EQ(
       "{\"duration\":5400,\"flags\":[true,null],\"path\":\"/volume1/video/a \\\"quoted\\\" "
       "name.mkv\",\"rate\":2.5,\"track_info\":{\"audio\":[{\"id\":\"1\"}]}}\n",
-      std::string(std::istreambuf_iterator<char>(written), {}));
+      toolkit::ReadWholeFile(path));
   Json::Value back;
   ASSERT_TRUE(ReadJsonFromFile(path, back));
   EXPECT_EQ(value, back);

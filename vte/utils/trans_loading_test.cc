@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -22,10 +21,9 @@
 #include "tests/support/child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 #include "vte/utils/json_utils.h"
 
-// The platform is read once per process, so every case that plays a platform
-// other than the fixture's x86 does so in a child of its own.
 namespace LibReelhall {
 namespace {
 
@@ -48,30 +46,10 @@ int CountPid(const Json::Value& registry, int pid) {
   return count;
 }
 
-// Runs `body` in a child that plays `platform` in a machine root of its own
-// and hands back the failures it reports ("" for none): gtest cannot record
-// a failure made in a forked child.
-std::string InPlatform(const std::string& platform, const std::function<std::string()>& body,
-                       int timeoutSeconds = 30) {
-  return orvotest::TextFromChild(
-      [&] {
-        orvotest::PlatformFiles files;
-        files.name = platform;
-        orvotest::MachineRoot root(files);
-        // Fixed once per process: one read before the root existed would stick.
-        const librh::util::PlatformUtils& plays = librh::util::PlatformUtils::GetInst();
-        if (plays.IsMonaco() != (platform == "monaco") ||
-            plays.IsBraswell() != (platform == "braswell") ||
-            plays.IsEvansport() != (platform == "evansport")) {
-          return platform + ": the platform was fixed before this case";
-        }
-        return body();
-      },
-      timeoutSeconds);
-}
-
-void Expect(std::string& failures, bool ok, const std::string& what) {
-  if (!ok) failures += what + "\n";
+orvotest::PlatformFiles Platform(const std::string& name) {
+  orvotest::PlatformFiles files;
+  files.name = name;
+  return files;
 }
 
 // A pipe that children inherit: the parent closes `write` to release every
@@ -134,22 +112,19 @@ TEST(TransLoadingLimits, FollowThePlatform) {
       {"braswell", 0, 100, true, false},  // the 101st is refused
   };
   for (const Row& row : rows) {
-    const std::string failures = InPlatform(row.platform, [&] {
-      // Duplicates are allowed, and this child stays alive throughout.
-      Register(getpid(), false, false, row.softwareHeld);
-      Register(getpid(), true, false, row.hardwareHeld);
-      TransLoading registry;
-      std::string failed;
-      Expect(failed, registry.TransEnable(false) == row.admitsSoftware, "TransEnable(false)");
-      Expect(failed, registry.TransEnable(true) == row.admitsHardware, "TransEnable(true)");
-      if (row.softwareHeld + row.hardwareHeld > 0) {
-        Expect(failed, registry.SoftwareTransEnable() == row.admitsSoftware, "software");
-        Expect(failed, registry.HardwareTransEnable() == row.admitsHardware, "hardware");
-      }
-      return failed;
-    });
-    EXPECT_EQ("", failures) << row.platform << " with " << row.softwareHeld << " software and "
-                            << row.hardwareHeld << " hardware entries";
+    SCOPED_TRACE(std::string(row.platform) + " with " + std::to_string(row.softwareHeld) +
+                 " software and " + std::to_string(row.hardwareHeld) + " hardware entries");
+    orvotest::MachineRoot root(Platform(row.platform));
+    // Duplicates are allowed, and this process stays alive throughout.
+    Register(getpid(), false, false, row.softwareHeld);
+    Register(getpid(), true, false, row.hardwareHeld);
+    TransLoading registry;
+    EXPECT_EQ(row.admitsSoftware, registry.TransEnable(false));
+    EXPECT_EQ(row.admitsHardware, registry.TransEnable(true));
+    if (row.softwareHeld + row.hardwareHeld > 0) {
+      EXPECT_EQ(row.admitsSoftware, registry.SoftwareTransEnable());
+      EXPECT_EQ(row.admitsHardware, registry.HardwareTransEnable());
+    }
   }
 }
 
@@ -163,8 +138,7 @@ TEST_F(TransLoadingTest, WritesEntriesBackOpenToEveryUser) {
     EXPECT_TRUE(registry.IsOffineConverting());
   }
   umask(oldMask);
-  std::ifstream in(RegistryPath());
-  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const std::string text = toolkit::ReadWholeFile(RegistryPath());
   const std::string me = std::to_string(getpid());
   const std::string parent = std::to_string(getppid());
   EXPECT_EQ("[{\"PID\":" + me + ",\"hardware_transcode\":true,\"offline_conversion\":false}," +
@@ -310,53 +284,43 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
       {"braswell", 16, false, true, 90, 0, 10},
   };
   for (const Row& row : rows) {
-    const std::string failures = InPlatform(
-        row.platform,
-        [&] {
-          Register(getpid(), true, false, row.hardwareHeld);
-          Gate start, results, release;
-          std::vector<pid_t> racers;
-          for (int i = 0; i < row.racers; ++i) {
-            const bool hardware = row.alternateHardware ? i % 2 == 1 : row.hardware;
-            racers.push_back(orvotest::StartChild([&] {
-              start.WaitForRelease();
-              char verdict = '-';
-              {
-                TransLoading registry;
-                if (registry.TransEnable(hardware)) {
-                  registry.SaveTransPID(getpid(), hardware, false);
-                  verdict = hardware ? 'H' : 'S';
-                }
-              }
-              if (write(results.write, &verdict, 1) != 1) return 1;
-              release.WaitForRelease();
-              return 0;
-            }));
+    SCOPED_TRACE(row.platform);
+    orvotest::MachineRoot root(Platform(row.platform));
+    Register(getpid(), true, false, row.hardwareHeld);
+    Gate start, results, release;
+    std::vector<pid_t> racers;
+    for (int i = 0; i < row.racers; ++i) {
+      const bool hardware = row.alternateHardware ? i % 2 == 1 : row.hardware;
+      racers.push_back(orvotest::StartChild([&] {
+        start.WaitForRelease();
+        char verdict = '-';
+        {
+          TransLoading registry;
+          if (registry.TransEnable(hardware)) {
+            registry.SaveTransPID(getpid(), hardware, false);
+            verdict = hardware ? 'H' : 'S';
           }
-          start.CloseWrite();
-          release.CloseRead();
-          const std::string verdicts = results.Collect(row.racers, 60);
-          const auto software = std::count(verdicts.begin(), verdicts.end(), 'S');
-          const auto hardware = std::count(verdicts.begin(), verdicts.end(), 'H');
-          std::string failed;
-          Expect(failed, verdicts.size() == static_cast<size_t>(row.racers), "missing verdicts");
-          Expect(failed, software == row.software, "software admitted " + std::to_string(software));
-          Expect(failed, hardware == row.hardwareAdmitted,
-                 "hardware admitted " + std::to_string(hardware));
-          Json::Value registry;
-          Expect(failed,
-                 ReadRegistry(registry) &&
-                     registry.size() == static_cast<Json::ArrayIndex>(row.hardwareHeld + software +
-                                                                     hardware),
-                 "registry holds exactly the admitted entries");
-          release.CloseWrite();
-          for (pid_t racer : racers) {
-            Expect(failed, orvotest::WaitForChild(racer, 30) == 0, "racer");
-          }
-          return failed;
-        },
-        120);
-    EXPECT_EQ("", failures) << row.platform;
+        }
+        if (write(results.write, &verdict, 1) != 1) return 1;
+        release.WaitForRelease();
+        return 0;
+      }));
+    }
+    start.CloseWrite();
+    release.CloseRead();
+    const std::string verdicts = results.Collect(row.racers, 60);
+    const auto software = std::count(verdicts.begin(), verdicts.end(), 'S');
+    const auto hardware = std::count(verdicts.begin(), verdicts.end(), 'H');
+    EXPECT_EQ(static_cast<size_t>(row.racers), verdicts.size()) << "missing verdicts";
+    EXPECT_EQ(row.software, software);
+    EXPECT_EQ(row.hardwareAdmitted, hardware);
+    Json::Value registry;
+    EXPECT_TRUE(ReadRegistry(registry) &&
+                registry.size() ==
+                    static_cast<Json::ArrayIndex>(row.hardwareHeld + software + hardware))
+        << "the registry must hold exactly the admitted entries: " << registry;
+    release.CloseWrite();
+    for (pid_t racer : racers) EXPECT_EQ(0, orvotest::WaitForChild(racer, 30)) << "racer";
   }
 }
 

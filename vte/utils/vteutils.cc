@@ -9,6 +9,7 @@
 
 #include <sstream>
 
+#include "platform/fixed_waits.h"
 #include "platform/run_as.h"
 
 namespace LibOrvoVTE {
@@ -137,8 +138,7 @@ bool VerifyFileExist(const std::string& path, unsigned int retries) {
       if (retries == 0) break;
       // Callers count on retries = N costing N+1 seconds: the last failed
       // test is still followed by a sleep.
-      struct timespec second = {1, 0};
-      nanosleep(&second, nullptr);
+      librh::waits::Sleep(1);
       if (++attempt > retries) break;
     }
   }
@@ -162,17 +162,6 @@ bool HasControlCharacter(const std::string& text) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return true;
   }
   return false;
-}
-
-bool ReadWholeFile(const std::string& path, std::string& text) {
-  FILE* file = fopen(path.c_str(), "re");
-  if (file == nullptr) return false;
-  char chunk[8192];
-  size_t count;
-  while ((count = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, count);
-  const bool ok = ferror(file) == 0;
-  fclose(file);
-  return ok;
 }
 
 bool SaveFile(const std::string& path, const std::string& content) {

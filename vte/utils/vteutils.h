@@ -21,11 +21,6 @@ bool VerifyFileExist(const std::string& path, unsigned int retries);
 // "" on any failure.
 std::string ReadFile(const std::string& path);
 
-// Appends the whole content of `path` to `text`, read to its end (kernel
-// files report a size of 0); false when it cannot be opened or read. For
-// files longer than a marker's few bytes.
-bool ReadWholeFile(const std::string& path, std::string& text);
-
 // Replaces `path` with `content`. False, writing nothing, for an empty path or
 // empty content.
 bool SaveFile(const std::string& path, const std::string& content);

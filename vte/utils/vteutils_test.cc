@@ -14,8 +14,6 @@ extern "C" {
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +21,7 @@ extern "C" {
 #include "tests/support/child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
+#include "toolkit/files.h"
 
 namespace LibOrvoVTE {
 namespace {
@@ -31,11 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-std::string ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 int SleepForAWhile() {
@@ -159,7 +153,7 @@ TEST_F(VteUtilsTest, SaveFileReplacesTheWholeContentOrNothing) {
   };
   for (const auto& c : kCases) {
     EXPECT_EQ(c.saved, SaveFile(c.path, c.content)) << c.path << " '" << c.content << "'";
-    EXPECT_EQ(c.after, ReadBytes(path)) << c.path << " '" << c.content << "'";
+    EXPECT_EQ(c.after, toolkit::ReadWholeFile(path)) << c.path << " '" << c.content << "'";
   }
   struct stat st;
   EXPECT_NE(0, stat(Scratch("never-created").c_str(), &st)) << "no empty file may appear";

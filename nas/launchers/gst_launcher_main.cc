@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/launchers/element_substitutes.h"
-#include "tools/launchers/option_table.h"
+#include "nas/launchers/element_substitutes.h"
+#include "nas/launchers/option_table.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/launchers/fragment_renamer.h"
+#include "nas/launchers/fragment_renamer.h"
 
 #include <stdio.h>
 

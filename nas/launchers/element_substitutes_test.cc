@@ -1,4 +1,4 @@
-#include "tools/launchers/element_substitutes.h"
+#include "nas/launchers/element_substitutes.h"
 
 #include <gtest/gtest.h>
 

@@ -22,9 +22,9 @@ extern "C" {
 #include <string>
 #include <vector>
 
-#include "tools/launchers/ffmpeg_translation.h"
-#include "tools/launchers/fragment_renamer.h"
-#include "tools/launchers/supervisor.h"
+#include "nas/launchers/ffmpeg_translation.h"
+#include "nas/launchers/fragment_renamer.h"
+#include "nas/launchers/supervisor.h"
 
 namespace {
 

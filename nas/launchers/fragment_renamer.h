@@ -12,7 +12,7 @@
 #include <map>
 #include <string>
 
-#include "tools/launchers/ffmpeg_translation.h"
+#include "nas/launchers/ffmpeg_translation.h"
 
 namespace launchers {
 

@@ -1,6 +1,6 @@
-#include "tools/launchers/element_substitutes.h"
+#include "nas/launchers/element_substitutes.h"
 
-#include "tools/launchers/option_table.h"
+#include "nas/launchers/option_table.h"
 
 namespace launchers {
 namespace {

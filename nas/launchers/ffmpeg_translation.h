@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/launchers/option_table.h"
+#include "nas/launchers/option_table.h"
 
 namespace launchers {
 

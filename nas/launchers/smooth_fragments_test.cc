@@ -16,9 +16,10 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
 
+#include "tests/support/child.h"
 #include "tests/support/launchers.h"
+#include "tests/support/mp4_fragment.h"
 #include "tests/support/test_media.h"
 
 namespace {
@@ -35,106 +36,6 @@ constexpr char kPredictedVideoData[] =
     "000000016742c01eda0507e840000003004000000783c58ba80000000168ce1f20";
 constexpr char kVideoDir[] = "QualityLevels(200000)";
 constexpr char kAudioDir[] = "QualityLevels(40000)";
-
-// What a fragment (moof + mdat) holds, as far as the checks need it.
-struct Fragment {
-  long long time = -1;      // its tfxd box's absolute time
-  long long duration = 0;   // the sum of its samples' durations
-  bool startsWithSync = false;
-  std::vector<std::string> samples;
-};
-
-unsigned long long BigEndian(const std::string& bytes, size_t at, int size) {
-  unsigned long long value = 0;
-  for (int i = 0; i < size && at + i < bytes.size(); ++i) {
-    value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
-  }
-  return value;
-}
-
-// Calls `visit(type, payload, end)` for each box in [begin, end).
-template <typename Visit>
-void ForEachBox(const std::string& bytes, size_t begin, size_t end, Visit visit) {
-  while (begin + 8 <= end) {
-    const size_t size = BigEndian(bytes, begin, 4);
-    if (size < 8 || begin + size > end) return;
-    visit(bytes.substr(begin + 4, 4), begin + 8, begin + size);
-    begin += size;
-  }
-}
-
-// ISO/IEC 14496-12 trun and tfhd, and the Smooth Streaming tfxd box.
-Fragment ParseFragment(const std::string& bytes) {
-  Fragment fragment;
-  size_t moof = 0;
-  ForEachBox(bytes, 0, bytes.size(), [&](const std::string& type, size_t at, size_t end) {
-    if (type != "moof") return;
-    moof = at - 8;
-    ForEachBox(bytes, at, end, [&](const std::string& type, size_t at, size_t end) {
-      if (type != "traf") return;
-      unsigned long long defaultFlags = 0;
-      ForEachBox(bytes, at, end, [&](const std::string& type, size_t at, size_t) {
-        const unsigned flags = BigEndian(bytes, at, 4) & 0xffffff;
-        if (type == "tfhd" && (flags & 0x20)) {
-          // Optional fields before the default flags: base offset, description, duration, size.
-          size_t field = at + 8 + ((flags & 1) ? 8 : 0);
-          for (unsigned bit : {0x2u, 0x8u, 0x10u}) field += (flags & bit) ? 4 : 0;
-          defaultFlags = BigEndian(bytes, field, 4);
-        } else if (type == "uuid" && BigEndian(bytes, at, 4) == 0x6d1d9b05) {
-          const bool wide = bytes[at + 16] == 1;
-          fragment.time = BigEndian(bytes, at + 20, wide ? 8 : 4);
-        } else if (type == "trun") {
-          size_t field = at + 4;
-          const auto take = [&](bool present) {
-            const unsigned long long value = present ? BigEndian(bytes, field, 4) : 0;
-            field += present ? 4 : 0;
-            return value;
-          };
-          const unsigned long long count = take(true);
-          size_t data = moof + take(flags & 1);
-          unsigned long long sampleFlags = (flags & 4) ? take(true) : defaultFlags;
-          for (unsigned long long i = 0; i < count; ++i) {
-            fragment.duration += take(flags & 0x100);
-            const size_t size = take(flags & 0x200);
-            const unsigned long long ownFlags = take(flags & 0x400);
-            take(flags & 0x800);
-            if (i == 0 && (flags & 0x400) && !(flags & 4)) sampleFlags = ownFlags;
-            fragment.samples.push_back(bytes.substr(data, size));
-            data += size;
-          }
-          fragment.startsWithSync = count > 0 && !(sampleFlags & 0x10000);
-        }
-      });
-    });
-  });
-  return fragment;
-}
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
-
-// Length-prefixed NAL units to Annex B start codes.
-std::string AnnexB(const std::string& sample) {
-  std::string out;
-  for (size_t at = 0; at + 4 <= sample.size();) {
-    const size_t size = BigEndian(sample, at, 4);
-    out += std::string("\0\0\0\1", 4) + sample.substr(at + 4, size);
-    at += 4 + size;
-  }
-  return out;
-}
-
-std::string Hex(const std::string& text) {
-  std::string bytes;
-  for (size_t at = 0; at + 1 < text.size(); at += 2) {
-    bytes.push_back(static_cast<char>(std::stoi(text.substr(at, 2), nullptr, 16)));
-  }
-  return bytes;
-}
 
 std::string FragmentName(const char* type, long long time) {
   return std::string("Fragments(") + type + "=" + std::to_string(time) + ")";
@@ -190,20 +91,20 @@ TEST_F(SmoothFragmentsTest, RunAt120SecondsWritesWhatThePredictedManifestAnnounc
   }
   ASSERT_EQ(expected, Files(output));
 
-  std::string video = Hex(kPredictedVideoData);
+  std::string video = orvotest::BytesFromHex(kPredictedVideoData);
   size_t videoSamples = 0;
   for (const std::string& name : expected) {
     SCOPED_TRACE(name);
     const bool isVideo = name.find("video") != std::string::npos;
     const long long frame = isVideo ? kVideoFrame : kAacFrame;
-    const Fragment fragment = ParseFragment(ReadAll(output + "/" + name));
+    const auto fragment = orvotest::ReadMp4Fragment(output + "/" + name);
     const long long named = std::stoll(name.substr(name.find('=') + 1));
     EXPECT_NEAR(named, fragment.time, frame);
     // Audio is cut at the frame that follows the video's cut, at either end.
     EXPECT_NEAR(kFragment, fragment.duration, isVideo ? frame : 2 * frame);
     EXPECT_TRUE(fragment.startsWithSync);
     if (!isVideo) continue;
-    for (const std::string& sample : fragment.samples) video += AnnexB(sample);
+    video += fragment.AnnexB();
     videoSamples += fragment.samples.size();
   }
   EXPECT_EQ(2 * 5 * 15u, videoSamples);
@@ -258,8 +159,8 @@ TEST_F(SmoothFragmentsTest, StoppedOrKilledRunsLeaveFragmentsAndNoTranscoder) {
     }
     EXPECT_GE(videos, 2u);
     for (size_t k = 0; k + 1 < videos; ++k) {
-      const Fragment fragment = ParseFragment(ReadAll(
-          output + "/" + kVideoDir + "/" + FragmentName("video", k * kFragment)));
+      const auto fragment = orvotest::ReadMp4Fragment(
+          output + "/" + kVideoDir + "/" + FragmentName("video", k * kFragment));
       EXPECT_NEAR(kFragment, fragment.duration, kVideoFrame) << k;
     }
     if (signal == SIGINT) {

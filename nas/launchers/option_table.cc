@@ -1,4 +1,4 @@
-#include "tools/launchers/option_table.h"
+#include "nas/launchers/option_table.h"
 
 #include <cerrno>
 #include <cstdlib>

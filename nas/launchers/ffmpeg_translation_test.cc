@@ -1,4 +1,4 @@
-#include "tools/launchers/ffmpeg_translation.h"
+#include "nas/launchers/ffmpeg_translation.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,150 @@
+#include "tools/webapi/endpoints.h"
+
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include <memory>
+
+#include "tools/webapi/media_folder.h"
+#include "tools/webapi/progressive_relay.h"
+#include "tools/webapi/response.h"
+#include "tools/webapi/streams.h"
+#include "tools/webapi/subtitle_proxy.h"
+#include "vte/http_live_stream.h"
+#include "vte/smooth_stream.h"
+
+namespace webapi {
+namespace {
+
+using LibOrvoVTE::VTEStream;
+
+constexpr char kDefaultDevice[] = "browser";
+constexpr size_t kBrokenSegmentBytes = 188 * 16;
+
+int StreamHls(const std::string& id, const Query& query) {
+  LibOrvoVTE::HttpLiveStream stream(id);
+  if (!SessionExists(stream)) return Fail(404, "stream_not_found");
+  TouchAccess(stream);
+  const std::string fragment = Key(query, "fragment_id");
+  if (fragment.empty()) {
+    const std::string playlist =
+        stream.GetMainfest(Key(query, "playlist_type"), Key(query, "subtitle_id"));
+    if (playlist.empty()) return Fail(404, "playlist_not_found");
+    return SendFile(playlist, "application/vnd.apple.mpegurl");
+  }
+  if (Key(query, "hls_header") == "1") stream.EnableHLSHeader();
+  if (!stream.Transcoding(fragment)) return Fail(500, "transcoding_failed");
+  const std::string segment = stream.ReadFragment(fragment);
+  if (segment.empty()) return Fail(504, "fragment_not_ready");
+  return SendFile(segment, "video/mp2t",
+                  Env("WEBAPI_BREAK_SEGMENTS") == "1" ? kBrokenSegmentBytes : 0);
+}
+
+int StreamSmooth(const std::string& id, const Query& query) {
+  LibOrvoVTE::SmoothStream stream(id);
+  if (!SessionExists(stream)) return Fail(404, "stream_not_found");
+  TouchAccess(stream);
+  const std::string fragment = Key(query, "fragment_id");
+  if (fragment.empty()) return SendFile(stream.GetMainfest(), "text/xml");
+  if (!stream.Transcoding(fragment)) return Fail(500, "transcoding_failed");
+  const std::string file = stream.ReadFragment(fragment);
+  if (file.empty()) return Fail(504, "fragment_not_ready");
+  return SendFile(file, "video/mp4");
+}
+
+}  // namespace
+
+int ListFiles() {
+  Json::Value files(Json::arrayValue);
+  for (const std::string& name : PlayableFiles()) files.append(name);
+  Json::Value body;
+  body["files"] = files;
+  return AnswerJson(body);
+}
+
+int OpenStream(const Query& query) {
+  const std::string format = Key(query, "type");
+  const std::string type = StreamType(format);
+  if (type.empty()) return Fail(400, "unknown_type");
+  const std::string path = MediaPath(Key(query, "file"));
+  if (path.empty()) return Fail(400, "bad_file_name");
+  if (access(path.c_str(), R_OK) != 0) return Fail(404, "file_not_found");
+  const std::string profile =
+      Key(query, "profile").empty() ? DefaultProfile(type) : Key(query, "profile");
+  const std::string device = Key(query, "device").empty() ? kDefaultDevice : Key(query, "device");
+
+  const std::string id =
+      VTEStream::VTE_Init(path, type, Json::Value(), ProfileFile(type), profile, device, 0);
+  if (id.empty()) return Fail(422, "open_failed");
+  if (id == LibOrvoVTE::kTransSpaceNotEnough) return Fail(507, id);
+
+  const std::string audio = Key(query, "audio");
+  Json::Value params;
+  params["url"] = kStreamPath;
+  params["format"] = format;
+  if (Key(query, "hls_header") == "1") params["hls_header"] = true;
+  Json::Value body;
+  body["id"] = id;
+  if (type == "HLS") {
+    LibOrvoVTE::HttpLiveStream stream(id);
+    Json::Value subtitles;
+    if (!Key(query, "subtitle").empty()) {
+      subtitles["url"] = kSubtitlePath;
+      subtitles["id"] = Key(query, "file");
+      subtitles["subtitle_id"] = Key(query, "subtitle");
+    }
+    if (!stream.Init(params, subtitles, audio, Key(query, "audio_format"))) {
+      return FailOpen(stream.GetErrorString());
+    }
+    body["url"] = stream.GetStreamURL(params);
+  } else if (type == "SS") {
+    LibOrvoVTE::SmoothStream stream(id);
+    if (!stream.Init(params, Json::Value(), audio, "")) return FailOpen(stream.GetErrorString());
+    // The manifest's form of the URL is XML-escaped; the client gets it plain.
+    std::string url = stream.GetStreamURL(params);
+    for (size_t at = url.find("&amp;"); at != std::string::npos; at = url.find("&amp;", at + 1)) {
+      url.replace(at, 5, "&");
+    }
+    body["url"] = url;
+  } else {
+    std::string code;
+    if (!CheckAnchor(type, id, audio, &code)) return FailOpen(code);
+    body["url"] = std::string(kStreamPath) + "?format=" + format + "&id=" + id +
+                  (audio.empty() ? "" : "&audio=" + audio);
+  }
+  return AnswerJson(body);
+}
+
+int Stream(const Query& query) {
+  const std::string type = StreamType(Key(query, "format"));
+  const std::string id = Key(query, "id");
+  if (type.empty() || id.empty()) return Fail(400, "bad_request");
+  if (type == "HLS") return StreamHls(id, query);
+  if (type == "SS") return StreamSmooth(id, query);
+  return StreamProgressive(type, id, query);
+}
+
+int CloseStream(const Query& query) {
+  const std::string type = StreamType(Key(query, "format"));
+  const std::string id = Key(query, "id");
+  if (type.empty() || id.empty()) return Fail(400, "bad_request");
+  bool closed = false;
+  if (type == "HLS") {
+    LibOrvoVTE::HttpLiveStream stream(id);
+    closed = SessionExists(stream) && stream.Close();
+  } else if (type == "SS") {
+    LibOrvoVTE::SmoothStream stream(id);
+    closed = SessionExists(stream) && stream.Close();
+  } else {
+    CloseRuns(type, id);
+    const std::unique_ptr<LibOrvoVTE::DirectStream> stream = Progressive(type, id);
+    closed = SessionExists(*stream) && stream->Close();
+  }
+  if (!closed) return Fail(404, "stream_not_found");
+  Json::Value body;
+  body["closed"] = id;
+  return AnswerJson(body);
+}
+
+}  // namespace webapi

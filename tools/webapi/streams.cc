@@ -1,0 +1,65 @@
+#include "tools/webapi/streams.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "tools/webapi/http_request.h"
+#include "tools/webapi/response.h"
+
+namespace webapi {
+
+std::string StreamType(const std::string& format) {
+  if (format == "hls") return "HLS";
+  if (format == "ss") return "SS";
+  if (format == "http") return "HTTP";
+  if (format == "webm") return "WEBM";
+  return "";
+}
+
+std::string ProfileFile(const std::string& type) {
+  static const std::map<std::string, std::string> files = {
+      {"HLS", "hls.json"}, {"SS", "smooth.json"}, {"HTTP", "http.json"}, {"WEBM", "webm.json"}};
+  return Env("WEBAPI_PROFILE_DIR") + "/" + files.at(type);
+}
+
+std::string DefaultProfile(const std::string& type) {
+  static const std::map<std::string, std::string> names = {
+      {"HLS", "hls_320x240_x264_vb300_aac_ab64"},
+      {"SS", "smoothstreaming_240p_x264_vb200_vf15_aac_ab40"},
+      {"HTTP", "http_320x240_x264_vb256_mp3_ab64"},
+      {"WEBM", "webm_320x240_vp8_vb256_vorbis_ab64"}};
+  return names.at(type);
+}
+
+std::unique_ptr<LibOrvoVTE::DirectStream> Progressive(const std::string& type,
+                                                      const std::string& id) {
+  if (type == "HTTP") return std::make_unique<LibOrvoVTE::HttpStream>(id);
+  return std::make_unique<LibOrvoVTE::WebMStream>(id);
+}
+
+bool SessionExists(const LibOrvoVTE::VTEStream& stream) {
+  struct stat info;
+  return !stream.GetStreamID().empty() && stat(stream.GetVTEFileFullPath("").c_str(), &info) == 0 &&
+         S_ISDIR(info.st_mode);
+}
+
+void TouchAccess(const LibOrvoVTE::VTEStream& stream) {
+  if (!SessionExists(stream)) return;
+  const std::string path = stream.GetVTEFileFullPath("access_status");
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) return;
+  futimens(fd, nullptr);
+  close(fd);
+}
+
+int FailOpen(const std::string& code) {
+  if (code == "TransEnable" || code == "TransEnableOfflineConverting") return Fail(503, code);
+  if (code == LibOrvoVTE::kTransSpaceNotEnough) return Fail(507, code);
+  if (code.empty()) return Fail(500, "init_failed");
+  return Fail(415, code);
+}
+
+}  // namespace webapi

@@ -1,0 +1,39 @@
+// The library's streams as the web API names, opens and keeps them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "vte/http_stream.h"
+#include "vte/liborvovte.h"
+
+namespace webapi {
+
+// The path the stream URLs point at.
+inline constexpr char kStreamPath[] = "/api/stream";
+
+// "HLS", "SS", "HTTP" or "WEBM" for the client's "hls", "ss", "http",
+// "webm"; "" for anything else.
+std::string StreamType(const std::string& format);
+
+// The profile file of `type` in WEBAPI_PROFILE_DIR, and the profile taken
+// when the client names none.
+std::string ProfileFile(const std::string& type);
+std::string DefaultProfile(const std::string& type);
+
+// The progressive stream class of `type` ("HTTP" or "WEBM") for `id`.
+std::unique_ptr<LibOrvoVTE::DirectStream> Progressive(const std::string& type,
+                                                      const std::string& id);
+
+// Whether the session of `stream` exists.
+bool SessionExists(const LibOrvoVTE::VTEStream& stream);
+
+// A client request keeps the session alive: the monitors end a stream that
+// no request has touched for a while.
+void TouchAccess(const LibOrvoVTE::VTEStream& stream);
+
+// Answers a stream that could not be opened, with the library's error code
+// ("" when it gave none).
+int FailOpen(const std::string& code);
+
+}  // namespace webapi
