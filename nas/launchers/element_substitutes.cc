@@ -1,5 +1,7 @@
 #include "nas/launchers/element_substitutes.h"
 
+#include <map>
+
 #include "nas/launchers/option_table.h"
 
 namespace launchers {
@@ -10,8 +12,9 @@ constexpr ElementSubstitute kSubstitutes[] = {
      "Braswell's VA-API decoder, which registers nothing without a VA device; decodebin "
      "plugs the software decoder for the stream"},
     {"stvideo", "decodebin", "", "", "", "", "Monaco's hardware decoder"},
-    {"vaapipostproc", "videoscale", "", "video/x-raw:width,height", "", "",
-     "Braswell's VA-API scaler; the caps after videoscale carry the size it was given"},
+    {"vaapipostproc", "videoconvertscale", "", "video/x-raw,format=NV12:width,height", "", "",
+     "Braswell's VA-API scaler; its surfaces are 8-bit 4:2:0 (NV12) whatever the source's "
+     "depth and chroma, and the caps after the stand-in carry that and the size it was given"},
     {"vaapih264enc", "x264enc", "keyframe-period:key-int-max,max-bframes:bframes", "",
      "rate-control,tune", "key-int-max=30 bframes=0 speed-preset=veryfast",
      "Braswell's VA-API H.264 encoder: both count kbit/s; unless told it keys every 30 frames "
@@ -20,6 +23,19 @@ constexpr ElementSubstitute kSubstitutes[] = {
     {"faac", "avenc_aac", "", "", "rate-control", "",
      "not packaged; libav's AAC-LC encoder takes the same bitrate in bit/s (always ABR)"},
 };
+
+// A demuxer whose stock version names its pads otherwise than the NAS's:
+// a reference "<name>.<nasPrefix><rest>" to such an element becomes
+// "<name>.<stockPrefix><rest>".
+struct PadRename {
+  const char* element;
+  const char* nasPrefix;
+  const char* stockPrefix;
+};
+// The NAS's tsdemux names audio pads after the PID alone ("audio_0101");
+// the stock one puts the program generation, 0 for a file's first program,
+// in front ("audio_0_0101").
+constexpr PadRename kPadRenames[] = {{"tsdemux", "audio_", "audio_0_"}};
 
 enum class WordKind { kLink, kCaps, kProperty, kReference, kElement };
 
@@ -140,6 +156,28 @@ bool PlanElement(const std::string& element, const std::vector<std::string>& pro
   return true;
 }
 
+// A pad reference ("demux.audio_0101") as the stock element names the pad.
+std::string StockReference(const std::string& reference,
+                           const std::map<std::string, std::string>& factories,
+                           std::vector<std::string>* notes) {
+  const size_t dot = reference.find('.');
+  const auto factory = factories.find(reference.substr(0, dot));
+  if (factory == factories.end()) return reference;
+  const std::string pad = reference.substr(dot + 1);
+  for (const PadRename& rename : kPadRenames) {
+    const size_t prefix = std::string(rename.nasPrefix).size();
+    if (factory->second != rename.element || pad.compare(0, prefix, rename.nasPrefix) != 0 ||
+        pad.find('_', prefix) != std::string::npos) {
+      continue;
+    }
+    const std::string stock =
+        reference.substr(0, dot + 1) + rename.stockPrefix + pad.substr(prefix);
+    notes->push_back(reference + " is " + stock + " here");
+    return stock;
+  }
+  return reference;
+}
+
 }  // namespace
 
 const ElementSubstitute* FindSubstitute(const std::string& element) {
@@ -152,7 +190,12 @@ const ElementSubstitute* FindSubstitute(const std::string& element) {
 bool PlanPipeline(const std::vector<std::string>& words, const ElementCheck& exists,
                   const PropertyCheck& hasProperty, PipelinePlan* plan, std::string* error) {
   PipelinePlan result;
+  std::map<std::string, std::string> factories;  // by the "name=" the pipeline gives
   for (size_t i = 0; i < words.size();) {
+    if (Classify(words[i]) == WordKind::kReference) {
+      result.words.push_back(StockReference(words[i++], factories, &result.notes));
+      continue;
+    }
     if (Classify(words[i]) != WordKind::kElement) {
       result.words.push_back(words[i++]);
       continue;
@@ -160,6 +203,9 @@ bool PlanPipeline(const std::vector<std::string>& words, const ElementCheck& exi
     size_t end = i + 1;
     while (end < words.size() && Classify(words[end]) == WordKind::kProperty) ++end;
     const std::vector<std::string> properties(words.begin() + i + 1, words.begin() + end);
+    for (const std::string& property : properties) {
+      if (property.compare(0, 5, "name=") == 0) factories[property.substr(5)] = words[i];
+    }
     if (!PlanElement(words[i], properties, exists, hasProperty, &result, error)) return false;
     i = end;
   }

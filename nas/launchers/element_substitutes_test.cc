@@ -18,7 +18,8 @@ using Machine = std::map<std::string, std::set<std::string>>;
 // The stock plugins: no VA-API, no faac, an mpegtsmux without shift-pts.
 const Machine kStock = {
     {"filesrc", {"location"}}, {"qtdemux", {}}, {"queue", {"max-size-time"}}, {"h264parse", {}},
-    {"decodebin", {}}, {"videoscale", {"method"}}, {"videoflip", {"method"}},
+    {"decodebin", {}}, {"videoconvertscale", {"method"}}, {"videoflip", {"method"}},
+    {"tsdemux", {}},
     {"x264enc", {"bitrate", "key-int-max", "bframes", "speed-preset", "tune"}},
     {"mpegtsmux", {"alignment"}}, {"fdsink", {"fd"}}, {"aacparse", {}}, {"audioconvert", {}},
     {"avenc_aac", {"bitrate"}}};
@@ -52,9 +53,9 @@ TEST(PlanPipeline, ReplacesMissingNasElementsAndLiftsShiftPts) {
        "h264parse ! queue max-size-time=0 ! mpegtsmux name=mux ! queue ! fdsink fd=5",
        kStock,
        "filesrc location=/v/a.b.mp4 ! qtdemux name=demux ! queue ! h264parse ! queue ! "
-       "decodebin ! videoscale ! video/x-raw,width=852,height=480 ! videoflip method=1 ! "
-       "x264enc bitrate=1024 key-int-max=30 bframes=0 speed-preset=veryfast ! h264parse ! queue "
-       "max-size-time=0 ! mpegtsmux name=mux ! queue ! fdsink fd=5",
+       "decodebin ! videoconvertscale ! video/x-raw,format=NV12,width=852,height=480 ! videoflip "
+       "method=1 ! x264enc bitrate=1024 key-int-max=30 bframes=0 speed-preset=veryfast ! "
+       "h264parse ! queue max-size-time=0 ! mpegtsmux name=mux ! queue ! fdsink fd=5",
        {}},
       {"vaapih264enc keyframe-period=50 bitrate=200 ! mpegtsmux shift-pts=0120 name=mux ! "
        "fdsink fd=3 demux.audio_0 ! queue ! audioconvert ! audio/x-raw,channels=2 ! faac "
@@ -64,6 +65,14 @@ TEST(PlanPipeline, ReplacesMissingNasElementsAndLiftsShiftPts) {
        "fdsink fd=3 demux.audio_0 ! queue ! audioconvert ! audio/x-raw,channels=2 ! avenc_aac "
        "bitrate=64000 ! queue ! aacparse ! mux.",
        {{"mux", 120}}},
+      // The stock tsdemux names its audio pads after the program generation
+      // too; pads of other elements keep their names.
+      {"filesrc location=/v/a.ts ! tsdemux name=demux ! queue ! fdsink fd=3 demux.audio_0101 "
+       "! queue ! mux. demux.audio_0_0102 ! queue ! mux. other.audio_0101 ! mux.",
+       kStock,
+       "filesrc location=/v/a.ts ! tsdemux name=demux ! queue ! fdsink fd=3 demux.audio_0_0101 "
+       "! queue ! mux. demux.audio_0_0102 ! queue ! mux. other.audio_0101 ! mux.",
+       {}},
       // An unnamed muxer gets a name to find it by.
       {"mpegtsmux shift-pts=7 alignment=7 ! fdsink fd=3", kStock,
        "mpegtsmux alignment=7 name=shifted0 ! fdsink fd=3", {{"shifted0", 7}}},

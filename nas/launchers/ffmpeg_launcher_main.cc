@@ -10,10 +10,6 @@
 //
 // Exit status: ffmpeg's own; 2 when the command line cannot be translated
 // faithfully; 127 when the stock ffmpeg cannot be started.
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -24,6 +20,7 @@ extern "C" {
 
 #include "nas/launchers/ffmpeg_translation.h"
 #include "nas/launchers/fragment_renamer.h"
+#include "nas/launchers/stock_build.h"
 #include "nas/launchers/supervisor.h"
 
 namespace {
@@ -34,11 +31,6 @@ constexpr int kCannotRun = 127;
 // Fragments last seconds; a tenth of a second keeps the rename far ahead of
 // any client's request.
 constexpr int kRenameTickMs = 100;
-
-// The launcher links the same Debian libavcodec that the stock ffmpeg does.
-bool StockHasEncoder(const std::string& name) {
-  return avcodec_find_encoder_by_name(name.c_str()) != nullptr;
-}
 
 int Fail(const std::string& message, int status) {
   fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
@@ -62,7 +54,8 @@ int main(int argc, char** argv) {
   const std::vector<std::string> words(argv, argv + argc);
   launchers::FFmpegPlan plan;
   std::string error;
-  if (!launchers::PlanFFmpeg(words, ORVOVTE_STOCK_FFMPEG, StockHasEncoder, &plan, &error)) {
+  if (!launchers::PlanFFmpeg(words, ORVOVTE_STOCK_FFMPEG, launchers::StockHasEncoder,
+                             launchers::InspectSource, &plan, &error)) {
     return Fail("cannot translate this command line: " + error, kUntranslatable);
   }
   if (plan.kind == launchers::OutputKind::kFragments) return RunFragments(plan);

@@ -1,5 +1,7 @@
 #include "nas/launchers/ffmpeg_translation.h"
 
+#include <algorithm>
+
 namespace launchers {
 namespace {
 
@@ -9,6 +11,19 @@ constexpr char kStagingName[] = "/.staging";
 // Beside the segments: the library serves a segment only once the list has
 // it, with its full length.
 constexpr char kSegmentListName[] = "segments.csv";
+// HDR pictures for an SDR screen: to linear light with the PQ signal's
+// 100 nits as SDR white (HLG is scaled alike), the BT.2020 gamut converted
+// to BT.709 there, Mobius tone mapping that leaves everything up to 80 % of
+// white as it is and rolls the highlights off above, unsaturated colours
+// kept (desat=0), then the BT.709 curve and matrix in limited range.
+constexpr char kToneMap[] =
+    "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,"
+    "tonemap=tonemap=mobius:param=0.8:desat=0,zscale=t=bt709:m=bt709:r=tv,format=yuv420p";
+const std::vector<std::string> kBt709Tags = {"-color_primaries", "bt709", "-color_trc", "bt709",
+                                             "-colorspace", "bt709"};
+// What clients of a Smooth Streaming stream expect when the source has no
+// sound: the predicted manifest announces stereo AAC at 48 kHz whatever.
+constexpr char kSilence[] = "anullsrc=channel_layout=stereo:sample_rate=48000";
 
 const char* KindName(OutputKind kind) {
   switch (kind) {
@@ -26,6 +41,9 @@ struct Walk {
   OutputKind kind = OutputKind::kProgressive;
   std::vector<std::string> words;  // translated, without argv[0] and the output
   bool hasInput = false;
+  std::string input;               // the first "-i"
+  bool pixelFormatGiven = false;
+  bool colourTagged = false;
   bool copyTimestamps = false;
   bool forcesKeyFrames = false;
   long formatIndex = -1;           // of the value after "-f" in `words`
@@ -104,7 +122,12 @@ bool WalkWords(const std::vector<std::string>& argv, size_t end,
     if (!hasValue) continue;
     const std::string& value = argv[i + 1];
     if (word == "-i") {
+      if (!walk->hasInput) walk->input = value;
       walk->hasInput = true;
+    } else if (word == "-pix_fmt") {
+      walk->pixelFormatGiven = true;
+    } else if (word == "-color_primaries" || word == "-color_trc" || word == "-colorspace") {
+      walk->colourTagged = true;
     } else if (word == "-f") {
       walk->formatIndex = static_cast<long>(walk->words.size());
     } else if (word == "-force_key_frames") {
@@ -207,10 +230,44 @@ void FinishWebM(Walk* walk) {
   SetFormat(webmAudio ? "webm" : "matroska", walk);
 }
 
+// What the NAS build does to the pictures it encodes, whatever the profile
+// says: HDR is tone-mapped for SDR screens, and H.264 is 8-bit 4:2:0, which
+// is all its hardware encoders make; x264 would otherwise follow a 10-bit or
+// 4:4:4 source into a High 10 or 4:4:4 profile that the profile's
+// -profile:v, and most players, refuse. A copied video stays as it is.
+void FinishPictures(const SourceTraits& source, Walk* walk) {
+  if (walk->videoCodec.empty() || walk->videoCodec == "copy") return;
+  std::vector<std::string>& words = walk->words;
+  if (source.highDynamicRange) {
+    auto filter = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+      return word == "-vf" || word == "-filter:v";
+    });
+    if (filter != words.end() && filter + 1 != words.end()) {
+      filter[1] = std::string(kToneMap) + "," + filter[1];
+    } else {
+      words.insert(words.end(), {"-vf", kToneMap});
+    }
+    if (!walk->colourTagged) words.insert(words.end(), kBt709Tags.begin(), kBt709Tags.end());
+  }
+  if (walk->videoCodec == "libx264" && !walk->pixelFormatGiven) {
+    words.insert(words.end(), {"-pix_fmt", "yuv420p"});
+  }
+}
+
+// Silence as a second input, after the first, ending with the picture.
+void AddSilence(Walk* walk) {
+  std::vector<std::string>& words = walk->words;
+  const auto input = std::find(words.begin(), words.end(), "-i");
+  if (input == words.end() || input + 1 == words.end()) return;
+  words.insert(input + 2, {"-f", "lavfi", "-i", kSilence});
+  words.push_back("-shortest");
+}
+
 }  // namespace
 
 bool PlanFFmpeg(const std::vector<std::string>& libraryArgv, const std::string& stockFFmpeg,
-                const EncoderCheck& stockHasEncoder, FFmpegPlan* plan, std::string* error) {
+                const EncoderCheck& stockHasEncoder, const SourceCheck& inspectSource,
+                FFmpegPlan* plan, std::string* error) {
   if (libraryArgv.size() < 4) {
     return Fail(error, "expected options, \"-i\" with an input, and an output");
   }
@@ -236,6 +293,10 @@ bool PlanFFmpeg(const std::vector<std::string>& libraryArgv, const std::string& 
     case OutputKind::kProgressive:
       break;
   }
+  const SourceTraits source =
+      walk.input.rfind("pipe:", 0) == 0 ? SourceTraits{} : inspectSource(walk.input);
+  FinishPictures(source, &walk);
+  if (walk.kind == OutputKind::kFragments && !source.hasAudio) AddSilence(&walk);
   result.kind = walk.kind;
   // No terminal dialogue (the transcoder's input is not a user), and the
   // staging directory or a reused segment name is no reason to stop.

@@ -29,10 +29,20 @@ struct FFmpegPlan {
 
 using EncoderCheck = std::function<bool(const std::string& encoder)>;
 
+// What the NAS build learns of its input while decoding it, and acts on.
+struct SourceTraits {
+  bool highDynamicRange = false;  // the first video stream's transfer is PQ or HLG
+  bool hasAudio = true;
+};
+// Looks at the input file the command line names ("-i"); never asked about
+// a pipe, which only the transcoder may read.
+using SourceCheck = std::function<SourceTraits(const std::string& input)>;
+
 // Fills `plan` from `libraryArgv` (argv[0] is the launcher's own name and is
 // replaced by `stockFFmpeg`). False, with a message for the operator in
 // `error`, when the command line cannot be translated faithfully.
 bool PlanFFmpeg(const std::vector<std::string>& libraryArgv, const std::string& stockFFmpeg,
-                const EncoderCheck& stockHasEncoder, FFmpegPlan* plan, std::string* error);
+                const EncoderCheck& stockHasEncoder, const SourceCheck& inspectSource,
+                FFmpegPlan* plan, std::string* error);
 
 }  // namespace launchers
