@@ -137,8 +137,11 @@ bool VTEStream::ExecuteGstreamerTranscoding(long seekSeconds, const std::vector<
     parts.sink = sink;
 
     const std::string audioId = GetRequestAudioID();
-    parts.audioMap = helper.GetGstreamAudioMap(audioId);
-    if (!parts.audioMap.empty()) {
+    // Without a usable audio track the demuxer has no pad for an audio
+    // branch, and gst-launch refuses a branch that starts nowhere: the
+    // pipeline ends after the sink.
+    if (!helper.GetAudioTrackInfoByID(audioId).isNull()) {
+      parts.audioMap = helper.GetGstreamAudioMap(audioId);
       const std::string audioFormat = ReadFile(GetVTEFileFullPath(kAudioFormatFile));
       parts.copyAudio = audioFormat == "ac3_copy" && (helper.DoesAudioCodecMatch(audioId, "ac3") ||
                                                       helper.DoesAudioCodecMatch(audioId, "eac3"));

@@ -42,6 +42,7 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
   const std::string clip = "location=" + orvotest::TestMedia(Media::kH264AacMp4);
   const std::string rotated = "location=" + orvotest::TestMedia(Media::kRotatedMp4);
   const std::string tracks = "location=" + orvotest::TestMedia(Media::kTracksMkv);
+  const std::string videoOnly = "location=" + orvotest::TestMedia(Media::kVideoOnlyAvi);
   const Words mp4Demuxer = {"qtdemux", "name=demux", "!", "queue", "!"};
   const Words braswellH264 = {"h264parse", "!", "queue", "!", "vaapidecode", "!"};
   const Words verbatimChain = {"vaapipostproc", "width=1280", "@VERTICAL@", "!", "videoflip",
@@ -78,6 +79,11 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
             {"audioconvert", "!", "audio/x-raw,channels=2", "!", "faac", "rate-control=ABR", "!",
              "queue", "!", "aacparse"},
             kQueue, {"mux."}})},
+      {"video only", "braswell", Media::kVideoOnlyAvi, 0, true, "", "", "", "", false,
+       Cat({{program, "-f", "-s", "0", "filesrc", videoOnly, "!", "avidemux", "name=demux", "!",
+             "queue", "!", "avdec_mpeg4", "!", "vaapipostproc", "width=1280", "!",
+             "vaapih264enc", "!", "h264parse"},
+            kQueue, {"mpegtsmux", "shift-pts=0"}, muxToSink})},
       {"copied AC-3", "x86", Media::kTracksMkv, 0, false, "", "", "2", "ac3_copy", false,
        Cat({{program, "-f", "-s", "0", "filesrc", tracks, "!", "matroskademux", "name=demux",
              "!", "queue", "!", "avdec_h264", "!"},
