@@ -9,6 +9,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "vte/session_tree.h"
+#include "vte/utils/json_utils.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -75,10 +76,8 @@ std::string AdaptStream::GetStreamURL(const Json::Value& params) const {
     };
     appendString("api");
     const Json::Value* version = Member(params, "version");
-    if (version != nullptr &&
-        (version->type() == Json::intValue || version->type() == Json::uintValue)) {
-      text += separator + "version=" + std::to_string(version->asLargestInt());
-    }
+    const std::string versionText = version ? LibReelhall::IntegerText(*version) : "";
+    if (!versionText.empty()) text += separator + "version=" + versionText;
     appendString("method");
     const Json::Value* header = Member(params, "hls_header");
     if (header != nullptr && header->isBool() && header->asBool()) {

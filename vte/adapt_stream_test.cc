@@ -75,6 +75,11 @@ TEST_F(AdaptStreamTest, StreamUrlCarriesTheOptionalKeysOfTheRightType) {
                  "sharing_id": 1.5})",
        "u?format=f&id=s1&token=a b&c"},
       {"HLS", R"({"url": "u", "format": "f", "version": 2.5})", "u?format=f&id=s1"},
+      // Decimal at either end of 64 bits, signed or not.
+      {"HLS", R"({"url": "u", "format": "f", "version": 18446744073709551615})",
+       "u?format=f&id=s1&version=18446744073709551615"},
+      {"SS", R"({"url": "u", "format": "f", "version": -9223372036854775808})",
+       "u?format=f&amp;id=s1&amp;version=-9223372036854775808"},
       {"HLS", R"({"url": "", "format": "hls"})", ""}, {"HLS", R"({"url": "u"})", ""},
       {"HLS", R"({"url": 7, "format": "hls"})", ""},  {"HLS", R"(["u", "hls"])", ""},
       {"HLS", R"("u")", ""},

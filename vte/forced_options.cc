@@ -5,6 +5,7 @@
 
 #include "decisions/argument_helper.h"
 #include "platform/log.h"
+#include "vte/forced_options.h"
 #include "vte/liborvovte.h"
 #include "vte/utils/vteutils.h"
 
@@ -29,8 +30,10 @@ std::string EncoderFor(const std::string& format) {
 
 }  // namespace
 
-std::vector<std::string> VTEStream::ForceFFmpegAudioFormat(
-    const std::vector<std::string>& options, const std::string& format) const {
+namespace forced {
+
+std::vector<std::string> AudioFormat(const std::vector<std::string>& options,
+                                     const std::string& format) {
   const std::string encoder = EncoderFor(format);
   const bool copy = format == "copy";
   std::vector<std::string> forced;
@@ -48,6 +51,13 @@ std::vector<std::string> VTEStream::ForceFFmpegAudioFormat(
     }
   }
   return forced;
+}
+
+}  // namespace forced
+
+std::vector<std::string> VTEStream::ForceFFmpegAudioFormat(
+    const std::vector<std::string>& options, const std::string& format) {
+  return forced::AudioFormat(options, format);
 }
 
 std::vector<std::string> VTEStream::ForceFFmpegVideoSize(const std::vector<std::string>& options,

@@ -2,10 +2,11 @@
 #include <syslog.h>
 
 #include <regex>
-#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
+#include "tests/support/launchers.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
@@ -18,20 +19,6 @@ class Stream : public VTEStream {
  public:
   explicit Stream(const std::string& id) : VTEStream(id, "HLS") {}
 };
-
-std::vector<std::string> Split(const std::string& text) {
-  std::vector<std::string> words;
-  std::istringstream in(text);
-  for (std::string word; in >> word;) words.push_back(word);
-  return words;
-}
-
-// An empty word shows as a trailing blank.
-std::string Join(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
-  return text;
-}
 
 // The session `id` as VTE_Init leaves it: a 1920x800 video with sample aspect
 // `sar`:`sar` turned by `rotate`, an AAC track "1" and an AC-3 track "2".
@@ -49,6 +36,12 @@ void WriteSession(const orvotest::MachineRoot& root, const std::string& id, int 
                      R"({"id":"2","track":"2","codec":"ac3"}]}})");
 }
 
+// Callers built against the system's own declaration name a non-const
+// member; a const one would be another symbol, which they would not find.
+static_assert(std::is_same_v<decltype(&VTEStream::ForceFFmpegAudioFormat),
+                             std::vector<std::string> (VTEStream::*)(
+                                 const std::vector<std::string>&, const std::string&)>);
+
 TEST(ForcedOptionsTest, AudioEncoderForcedToTheFormat) {
   orvotest::MachineRoot root;
   Stream stream("none");
@@ -62,7 +55,7 @@ TEST(ForcedOptionsTest, AudioEncoderForcedToTheFormat) {
       {"", "copy", ""},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(row[2], Join(stream.ForceFFmpegAudioFormat(Split(row[0]), row[1])))
+    EXPECT_EQ(row[2], orvotest::JoinWords(stream.ForceFFmpegAudioFormat(orvotest::SplitWords(row[0]), row[1])))
         << row[0] << " to " << row[1];
   }
 }
@@ -88,12 +81,12 @@ TEST(ForcedOptionsTest, VideoSizeFittedToTheSource) {
   };
   for (const Row& row : rows) {
     EXPECT_EQ(row.forced,
-              Join(Stream(row.session).ForceFFmpegVideoSize(Split(row.options), row.noAspect)))
+              orvotest::JoinWords(Stream(row.session).ForceFFmpegVideoSize(orvotest::SplitWords(row.options), row.noAspect)))
         << row.session << " " << row.options << " noAspect " << row.noAspect;
   }
 
   orvotest::LogCapture log;
-  EXPECT_EQ("-s hd4k", Join(Stream("square").ForceFFmpegVideoSize(Split("-s hd4k"), false)));
+  EXPECT_EQ("-s hd4k", orvotest::JoinWords(Stream("square").ForceFFmpegVideoSize(orvotest::SplitWords("-s hd4k"), false)));
   ASSERT_EQ(1u, log.Lines().size()) << log.Dump();
   EXPECT_TRUE(log.Lines()[0].priority == LOG_ERR &&
               std::regex_match(log.Lines()[0].text,
@@ -106,7 +99,7 @@ TEST(ForcedOptionsTest, HardwareGetsTheFittedSizeWithoutAspect) {
   evansport.name = "evansport";
   orvotest::MachineRoot root(evansport);
   WriteSession(root, "hw", 0, 0, "-vcodec h264_smd -s hd720");
-  EXPECT_EQ("-s 1280x532", Join(Stream("hw").ForceFFmpegVideoSize(Split("-s hd720"), false)));
+  EXPECT_EQ("-s 1280x532", orvotest::JoinWords(Stream("hw").ForceFFmpegVideoSize(orvotest::SplitWords("-s hd720"), false)));
 }
 
 TEST(ForcedOptionsTest, RequestedAudioTrack) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "subtitle/subtitle.h"
+#include "vte/utils/json_utils.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -44,12 +45,8 @@ std::string SubtitleURLTemplate(const Json::Value& subtitleParams) {
     url += "&subtitle_codepage=" + subtitleParams["subtitle_codepage"].asString();
   }
   if (const Json::Value* api = StringMember(subtitleParams, "api")) url += "&api=" + api->asString();
-  const Json::Value& version = subtitleParams["version"];
-  if (version.type() == Json::intValue) {
-    url += "&version=" + std::to_string(version.asLargestInt());
-  } else if (version.type() == Json::uintValue) {
-    url += "&version=" + std::to_string(version.asLargestUInt());
-  }
+  const std::string version = LibReelhall::IntegerText(subtitleParams["version"]);
+  if (!version.empty()) url += "&version=" + version;
   for (const char* key : {"method", "_sid", "OrvoToken"}) {
     if (const Json::Value* value = StringMember(subtitleParams, key)) {
       url += std::string("&") + key + "=" + value->asString();

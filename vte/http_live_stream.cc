@@ -15,6 +15,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "platform/volume.h"
+#include "vte/forced_options.h"
 #include "vte/hls_playlists.h"
 #include "vte/monitor_loop.h"
 #include "vte/transcoder_process.h"
@@ -194,15 +195,15 @@ std::vector<std::string> HttpLiveStream::CalculateFFmpegArgument(
 
     const std::string device = metadata_.GetDevice();
     if (audioFormat == "mp3") {
-      args = ForceFFmpegAudioFormat(args, "mp3");
+      args = forced::AudioFormat(args, "mp3");
     } else if (IsAACLCAudioCodec()) {
       // HLS carries AAC-LC as it is: no need to re-encode.
-      args = ForceFFmpegAudioFormat(args, "copy");
+      args = forced::AudioFormat(args, "copy");
     } else if (audioFormat == "ac3_copy" &&
                (IsSourceAudioCodec("ac3") || IsSourceAudioCodec("eac3"))) {
-      args = ForceFFmpegAudioFormat(args, "copy");
+      args = forced::AudioFormat(args, "copy");
     } else if (device == "chromecast" || audioFormat == "aac") {
-      args = ForceFFmpegAudioFormat(args, "aac");
+      args = forced::AudioFormat(args, "aac");
     }
     args = ForceFFmpegVideoSize(args, false);
 

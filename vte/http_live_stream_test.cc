@@ -15,6 +15,7 @@
 
 #include "decisions/argument_helper.h"
 #include "tests/support/child.h"
+#include "tests/support/launchers.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
@@ -42,12 +43,6 @@ class InspectedStream : public HttpLiveStream {
     return CalculateFFmpegArgument(fragment);
   }
 };
-
-std::string Joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
-  return text;
-}
 
 std::string After(const std::vector<std::string>& words, const std::string& option) {
   const auto found = std::find(words.begin(), words.end(), option);
@@ -101,7 +96,7 @@ TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
     if (c.header) {
       EXPECT_TRUE(stream.EnableHLSHeader());
     }
-    const std::string args = Joined(stream.RunArguments(c.fragment));
+    const std::string args = orvotest::JoinWords(stream.RunArguments(c.fragment));
     ASSERT_GE(args.size(), strlen(c.tail)) << c.id << " " << c.fragment << ": " << args;
     EXPECT_EQ(args.substr(args.size() - strlen(c.tail)), c.tail) << c.id << " " << c.fragment;
     // The profile's own options come first, unchanged but for the audio.
@@ -134,9 +129,9 @@ TEST_F(HttpLiveStreamTest, AudioIsCopiedWhenHlsCarriesItAndEncodedWhenTheClientA
   };
   for (const auto& c : cases) {
     const std::vector<std::string> args = InspectedStream(c.id).RunArguments("0");
-    EXPECT_EQ(After(args, "-acodec"), c.encoder) << c.id << ": " << Joined(args);
+    EXPECT_EQ(After(args, "-acodec"), c.encoder) << c.id << ": " << orvotest::JoinWords(args);
     // Copied audio keeps its own rate.
-    EXPECT_EQ(After(args, "-ab") == "<none>", c.encoder == "copy") << c.id << ": " << Joined(args);
+    EXPECT_EQ(After(args, "-ab") == "<none>", c.encoder == "copy") << c.id << ": " << orvotest::JoinWords(args);
   }
   EXPECT_TRUE(InspectedStream("lc-ac3copy").IsAACLCAudioCodec());
   EXPECT_FALSE(InspectedStream("ac3-ac3copy").IsAACLCAudioCodec());

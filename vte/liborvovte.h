@@ -93,7 +93,7 @@ class VTEStream {
   // Option lists with the audio encoder forced to `format` ("copy", "mp3",
   // "aac"), and with the "-s" size fitted to the source.
   std::vector<std::string> ForceFFmpegAudioFormat(const std::vector<std::string>& options,
-                                                  const std::string& format) const;
+                                                  const std::string& format);
   std::vector<std::string> ForceFFmpegVideoSize(const std::vector<std::string>& options,
                                                 bool noAspect) const;
   // The audio track id the client asked for ("" when none was saved).

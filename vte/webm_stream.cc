@@ -8,6 +8,7 @@
 
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "vte/forced_options.h"
 #include "vte/http_stream.h"
 #include "vte/monitor_loop.h"
 #include "vte/transcoder_process.h"
@@ -110,7 +111,7 @@ std::vector<std::string> WebMStream::CalculateFFmpegArgument(unsigned long start
     // The transcoder build muxes AAC and MP3 into WebM as they are; any other
     // audio becomes MP3.
     const bool keepAudio = IsSourceAudioCodec("aac") || IsSourceAudioCodec("mp3");
-    arguments = ForceFFmpegAudioFormat(arguments, keepAudio ? "copy" : "mp3");
+    arguments = forced::AudioFormat(arguments, keepAudio ? "copy" : "mp3");
     arguments.insert(arguments.end(), {kSeekOption, std::to_string(startSeconds),
                                        kAvoidNegativeOption, "0"});
     return arguments;

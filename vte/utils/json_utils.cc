@@ -48,4 +48,12 @@ bool WriteJsonToFile(const std::string& path, const Json::Value& value) {
   return written;
 }
 
+std::string IntegerText(const Json::Value& value) {
+  // jsoncpp keeps what does not fit a signed 64-bit integer as unsigned, and
+  // refuses to read it back as signed.
+  if (value.type() == Json::intValue) return std::to_string(value.asLargestInt());
+  if (value.type() == Json::uintValue) return std::to_string(value.asLargestUInt());
+  return "";
+}
+
 }  // namespace LibReelhall

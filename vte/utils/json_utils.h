@@ -16,4 +16,8 @@ bool ReadJsonFromFile(const std::string& path, Json::Value& out);
 // failure.
 bool WriteJsonToFile(const std::string& path, const Json::Value& value);
 
+// The decimal text of an integer value, signed or unsigned 64-bit alike; ""
+// for a value of any other kind.
+std::string IntegerText(const Json::Value& value);
+
 }  // namespace LibReelhall
