@@ -94,16 +94,24 @@ void Supervise(const Children& children, const volatile sig_atomic_t& signalled,
     }
     if (ended.si_pid != 0) {
       const pid_t pid = ended.si_pid;
+      const bool segmenting = children.segmenter != nullptr && *children.segmenter > 0;
       if (pid == *children.transcoder) {
         // Released before the reap, while the pid is still its own.
         Release(children, pid);
         Reap(pid);
         *children.transcoder = 0;
-        break;
+        // The segmenter behind it cuts what is still in the pipe, lists the
+        // last segment and ends by itself; stopped now, it would leave that
+        // segment cut short.
+        if (!segmenting) break;
+        continue;
       }
       Reap(pid);
       // A segmenter that ended before its transcoder is not stopped again.
-      if (children.segmenter != nullptr && pid == *children.segmenter) *children.segmenter = 0;
+      if (segmenting && pid == *children.segmenter) {
+        *children.segmenter = 0;
+        if (*children.transcoder == 0) break;
+      }
       continue;
     }
     sigprocmask(SIG_SETMASK, &open, nullptr);

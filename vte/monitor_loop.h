@@ -26,7 +26,8 @@ struct Children {
 };
 
 // Supervises until the transcoder ends (its registry entry is released, it
-// is reaped and its global becomes 0), the kind's flag `signalled` is up,
+// is reaped and its global becomes 0) and then its segmenter, if it has
+// one, has ended too, the kind's flag `signalled` is up,
 // `shouldStop` (when given) says so, or no child is left. Reaps any other
 // child that ends meanwhile (a segmenter's global becomes 0). Looks every
 // 2 seconds, and at once when a child ends or a signal arrives.
