@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "decisions/argument_helper.h"
+#include "tests/support/launchers.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 
@@ -40,12 +41,6 @@ Json::Value File(const std::string& container, const std::string& videoCodec = "
   return doc;
 }
 
-std::string Join(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
-  return text;
-}
-
 std::string Unhandled(const char* kind, int line, const std::string& codec) {
   return "argument_helper:" + std::to_string(line) + " Unhandled Gstreamer " + kind +
          " Decoder: " + codec + ", use decodebin";
@@ -60,7 +55,7 @@ TEST(GstreamerElementsTest, DemuxerByContainerFirstKeyWins) {
   };
   for (const auto& row : rows) {
     ArgumentHelper helper{Loaded(File(row[0], "h264", {}, "Main"))};
-    EXPECT_EQ(std::string(row[1]) + " name=demux ! queue !", Join(helper.GetGstreamDemuxer()))
+    EXPECT_EQ(std::string(row[1]) + " name=demux ! queue !", orvotest::JoinWords(helper.GetGstreamDemuxer()))
         << row[0];
     // decodebin decodes as well, so no video decoder may follow it.
     EXPECT_EQ(row[1] == std::string("decodebin"), helper.GetGstreamVideoArgument().empty())
@@ -92,7 +87,7 @@ TEST(GstreamerElementsTest, VideoDecoderByPlatform) {
     for (const auto& row : rows) {
       ArgumentHelper helper{Loaded(File("avi", row[0]))};
       helper.GetGstreamDemuxer();
-      EXPECT_EQ(row[column], Join(helper.GetGstreamVideoArgument())) << name << " " << row[0];
+      EXPECT_EQ(row[column], orvotest::JoinWords(helper.GetGstreamVideoArgument())) << name << " " << row[0];
     }
     EXPECT_TRUE(log.Lines().size() == 1 && log.Has(LOG_ERR, Unhandled("Video", 344, "vp9")))
         << log.Dump();
@@ -100,10 +95,10 @@ TEST(GstreamerElementsTest, VideoDecoderByPlatform) {
     ArgumentHelper asf{Loaded(File("asf", "vc1", {}, "Advanced"))};
     EXPECT_EQ(name == "braswell" ? "asfdemux profile=Advanced name=demux ! queue !"
                                  : "asfdemux name=demux ! queue !",
-              Join(asf.GetGstreamDemuxer()))
+              orvotest::JoinWords(asf.GetGstreamDemuxer()))
         << name;
     EXPECT_EQ("asfdemux name=demux ! queue !",
-              Join(ArgumentHelper{Loaded(File("asf", "vc1"))}.GetGstreamDemuxer()))
+              orvotest::JoinWords(ArgumentHelper{Loaded(File("asf", "vc1"))}.GetGstreamDemuxer()))
         << name;
   }
 }
@@ -122,15 +117,15 @@ TEST(GstreamerElementsTest, AudioDecoderByCodec) {
   orvotest::LogCapture log;
   for (const auto& row : rows) {
     ArgumentHelper helper{Loaded(File(row[1]))};
-    EXPECT_EQ(row[3], Join(helper.GetGstreamAudioDecoder(row[0], *row[2] == 'p')))
+    EXPECT_EQ(row[3], orvotest::JoinWords(helper.GetGstreamAudioDecoder(row[0], *row[2] == 'p')))
         << row[0] << " in " << row[1] << " parse only '" << row[2] << "'";
   }
   EXPECT_TRUE(log.Lines().size() == 1 && log.Has(LOG_ERR, Unhandled("Audio", 431, "wmapro")))
       << log.Dump();
 
   ArgumentHelper helper{Loaded(File("mpegts", "h264", {Track("1", "aac"), Track("2", "ac3")}))};
-  EXPECT_EQ("! queue ! ac3parse", Join(helper.GetGstreamAudioArgument("2", true)));
-  EXPECT_EQ("", Join(helper.GetGstreamAudioArgument("3", false)));
+  EXPECT_EQ("! queue ! ac3parse", orvotest::JoinWords(helper.GetGstreamAudioArgument("2", true)));
+  EXPECT_EQ("", orvotest::JoinWords(helper.GetGstreamAudioArgument("3", false)));
 }
 
 TEST(GstreamerElementsTest, AudioPadOfTheDemuxer) {
@@ -173,7 +168,7 @@ TEST(GstreamerElementsTest, FFmpegMapOfVideoAndAudio) {
       {noVideo, "2", ""},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(row.map, Join(ArgumentHelper{Loaded(row.doc)}.GetVideoAudioMap(row.id)))
+    EXPECT_EQ(row.map, orvotest::JoinWords(ArgumentHelper{Loaded(row.doc)}.GetVideoAudioMap(row.id)))
         << "id " << row.id << " in " << row.doc.toStyledString();
   }
 }

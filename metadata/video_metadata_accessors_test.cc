@@ -70,29 +70,6 @@ TEST(VideoMetaDataAccessors, DefaultsUnlessALoadedObjectDocument) {
                  "wrong types in the video track", true);
 }
 
-TEST(VideoMetaDataAccessors, ReadsEveryKeyOfAProbedDocument) {
-  Doc meta(kProbed);
-  EXPECT_EQ("matroska,webm", meta.GetContainer());
-  EXPECT_EQ("/volume1/v.mkv", meta.GetFilePath());
-  EXPECT_EQ(2u, meta.GetStartTime());
-  EXPECT_EQ(5400u, meta.GetDuration());
-  EXPECT_EQ(8000000u, meta.GetBitrate());
-  EXPECT_EQ(5000000000ull, meta.GetFileSize());  // beyond 32 bits
-  EXPECT_EQ(23.976024627685547f, meta.GetVideoFramerate());
-  EXPECT_EQ(1u, meta.GetVideoSampleAspectRatioNum() * meta.GetVideoSampleAspectRatioDen());
-  EXPECT_EQ(41u, meta.GetVideoLevel());
-  EXPECT_EQ(1920u, meta.GetVideoResolutionX());
-  EXPECT_EQ(800u, meta.GetVideoResolutionY());
-  EXPECT_EQ(90u, meta.GetVideoRotate());
-  EXPECT_EQ("High", meta.GetVideoProfile());
-  EXPECT_EQ("[0][0][0][0]", meta.GetVideoCodecTag());
-  EXPECT_EQ("h264", meta.GetVideoCodecName());
-  EXPECT_EQ(1920.0f / 800.0f, meta.GetVideoRatio());
-  Json::Value subtitle;
-  ASSERT_TRUE(meta.GetSubtitleTrackInfo(subtitle));
-  EXPECT_EQ("subrip", subtitle[0]["codec"].asString());
-}
-
 TEST(VideoMetaDataAccessors, UnsignedReadsOfOddValues) {
   const struct {
     const char* value;

@@ -135,6 +135,8 @@ TEST_F(FaultTest, MonitorKilled) {
   const std::string cut = Segment("s", last);
   EXPECT_TRUE(WholeSegment(cut, last, 5)) << "segment " << last << ": " << cut;
   EXPECT_TRUE(orvotest::CompleteSegment(Segment("s", 14)));
+  // The new run writes on to the end of the clip; what it leaves is whole.
+  EXPECT_TRUE(orvotest::Ends(MonitorPid("s"), 30000));
   EXPECT_EQ(CutSegments("s"), "");
   CloseAndRecord("s", "`kill -9` of the monitor",
                  "its transcoder ends with it, leaving segment " + std::to_string(last) +

@@ -207,24 +207,5 @@ TEST_F(HlsPlaybackTest, RemuxedMp4RestartsOnAJumpOfMoreThanSevenSegments) {
   CloseAndCheck();
 }
 
-TEST_F(HlsPlaybackTest, GStreamerPlatformsSegmentThroughASeparateSegmenter) {
-  orvotest::PlatformFiles braswell;
-  braswell.name = "braswell";
-  Root().Play(braswell);
-  ASSERT_EQ(Open("s", "gst"), "ok");
-
-  EXPECT_EQ(Segment("s", 0), Slice(0));
-  EXPECT_EQ(ChildrenOf(Monitor()).size(), 2U) << "transcoder and segmenter";
-  EXPECT_EQ(Segment("s", 1), Slice(1));
-  // The segmenter cuts at the first keyframe from 5 seconds on; the software
-  // stand-in for the hardware encoder makes one every 30 frames (3 seconds
-  // of this clip).
-  const double length = VideoStart(1) - VideoStart(0);
-  EXPECT_GE(length, 4.95);
-  EXPECT_LE(length, 8.05);
-
-  CloseAndCheck();
-}
-
 }  // namespace
 }  // namespace LibOrvoVTE

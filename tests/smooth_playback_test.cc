@@ -44,14 +44,6 @@ std::string Fragment(const char* stream, long long time) {
   return stream + std::to_string(time) + ")";
 }
 
-// The value of the first `name="..."` attribute at or after `from`.
-std::string Attribute(const std::string& xml, const std::string& name, size_t from = 0) {
-  const size_t start = xml.find(" " + name + "=\"", from);
-  if (start == std::string::npos) return "";
-  const size_t value = start + name.size() + 3;
-  return xml.substr(value, xml.find('"', value) - value);
-}
-
 // The start times of the manifest's video chunks, summed from their
 // durations as a client does.
 std::vector<long long> ChunkStarts(const std::string& manifest) {
@@ -60,21 +52,9 @@ std::vector<long long> ChunkStarts(const std::string& manifest) {
   const size_t audio = manifest.find("Type=\"audio\"");
   for (size_t at = manifest.find("<c "); at < audio; at = manifest.find("<c ", at + 1)) {
     starts.push_back(time);
-    time += std::stoll(Attribute(manifest, "d", at));
+    time += std::stoll(orvotest::Attribute(manifest, "d", at));
   }
   return starts;
-}
-
-std::vector<long long> FragmentTimes(const std::string& dir, const std::string& type) {
-  std::vector<long long> times;
-  std::error_code failure;
-  const std::string marker = "Fragments(" + type + "=";
-  for (const fs::directory_entry& entry : fs::directory_iterator(dir, failure)) {
-    const std::string name = entry.path().filename().string();
-    if (name.rfind(marker, 0) == 0) times.push_back(std::stoll(name.substr(marker.size())));
-  }
-  std::sort(times.begin(), times.end());
-  return times;
 }
 
 class SmoothPlayback : public orvotest::MachineRootTest {
@@ -142,26 +122,11 @@ TEST_F(SmoothPlayback, ServesWhatTheManifestNamesAndRestartsOnSeeks) {
   ASSERT_TRUE(RunEnds("play"));
   EXPECT_TRUE(orvotest::RegistryPids().empty());
 
-  // Every chunk of the manifest is a fragment of both streams, and there is
-  // no other.
+  // The manifest's chunks (the launcher's own test holds its fragments to
+  // exactly these names).
   const std::string manifest = toolkit::ReadWholeFile(SmoothStream("play").GetMainfest());
   const std::vector<long long> chunks = ChunkStarts(manifest);
   ASSERT_EQ(chunks.size(), 26u);  // 130 s
-  EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(200000)", "video"), chunks);
-  EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(40000)", "audio"), chunks);
-
-  // A client decodes the fragments with the manifest's parameter sets.
-  const std::string privateData = orvotest::BytesFromHex(Attribute(manifest, "CodecPrivateData"));
-  const auto second = orvotest::ReadMp4Fragment(fragments + Fragment(kVideo, 50000000));
-  EXPECT_TRUE(second.complete);
-  const std::string stream = Root().At("/fragment.h264");
-  std::ofstream(stream, std::ios::binary) << privateData << second.AnnexB();
-  orvotest::ProbedMedia probed;
-  ASSERT_TRUE(orvotest::ProbeMedia(stream, &probed, "h264"));
-  ASSERT_NE(probed.Stream("video"), nullptr);
-  EXPECT_EQ(probed.Stream("video")->width, std::stoi(Attribute(manifest, "MaxWidth")));
-  EXPECT_EQ(probed.Stream("video")->height, std::stoi(Attribute(manifest, "MaxHeight")));
-  EXPECT_EQ(probed.Stream("video")->frames, 75);
 
   // As if the run were still going and had reached 60 s.
   for (long long time : chunks) {

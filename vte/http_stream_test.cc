@@ -14,6 +14,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/child.h"
+#include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
@@ -27,7 +28,6 @@ namespace LibOrvoVTE {
 namespace {
 
 using orvotest::Media;
-using ::testing::Contains;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kProfile[] = "http_320x240_x264_vb256_mp3_ab64";
@@ -52,22 +52,6 @@ size_t ReadInto(HttpStream& stream, const std::string& file, size_t limit) {
     total += static_cast<size_t>(got);
   }
   return total;
-}
-
-// The frames of H.264 video decoded from an MPEG-TS with `audio` audio, or
-// -1 (with the failure recorded) when the file is not that.
-long TransportStreamFrames(const std::string& file, const std::string& audio) {
-  orvotest::ProbedMedia media;
-  if (!orvotest::ProbeMedia(file, &media)) return -1;
-  const orvotest::ProbedStream* video = media.Stream("video");
-  const orvotest::ProbedStream* sound = media.Stream("audio");
-  if (media.format != "mpegts" || video == nullptr || sound == nullptr) {
-    ADD_FAILURE() << file << " is no MPEG-TS with video and audio";
-    return -1;
-  }
-  EXPECT_EQ(video->codec, "h264") << file;
-  EXPECT_EQ(sound->codec, audio) << file;
-  return video->frames;
 }
 
 TEST(ProgressiveArithmetic, RateSizeAndTimeFromTheProfileName) {
@@ -151,47 +135,6 @@ class HttpStreamTest : public orvotest::StreamTest {
   static std::string Ffmpeg() { return librh::machine::Resolve(librh::machine::kPackageFFmpeg); }
 };
 
-TEST_F(HttpStreamTest, AnswersFromTheSessionProfileAndSource) {
-  const std::string id =
-      NewSession(Media::kLongH264Mp3Mkv, "http_hd480_x264_vb1024_aac_ab128", "s");
-  ASSERT_EQ(id, "s");
-  HttpStream stream(id);
-  EXPECT_EQ(stream.GetTransBitRate(), 1310720);
-  EXPECT_EQ(stream.VTE_HTTP_PredictTransFileSize(), 1310720ULL * 40 / 8);
-  EXPECT_EQ(stream.ConvertByteRangeToTimeRange(1310720LL * 25 / 8), 25);
-  std::string size;
-  EXPECT_TRUE(stream.VTE_HTTP_SCALE_RESOLUTION("hd480", size));
-  EXPECT_EQ(size, "640x480");  // the source is 4:3
-  EXPECT_THAT(stream.CalculateFFmpegArgument(), Contains("mpegts"));
-
-  const std::string rotated = NewSession(Media::kRotatedMp4, kProfile, "r");
-  HttpStream turned(rotated);
-  EXPECT_EQ(turned.GetFirstVideoInfo()["rotate"].asUInt(), 90u);
-  EXPECT_EQ(turned.GetMetaVideoRotate(), 0u);
-}
-
-TEST_F(HttpStreamTest, PlaysTheWholeSourceAndLeavesNothingAfterClose) {
-  const std::string id = NewSession(Media::kLongH264Mp3Mkv, kProfile, "whole");
-  ASSERT_EQ(id, "whole");
-  const std::string output = Root().Path() + "/whole.ts";
-  HttpStream stream(id);
-  ASSERT_TRUE(stream.Init("")) << stream.GetErrorString();
-  ASSERT_TRUE(stream.Transcoding(Ffmpeg(), 0));
-  const int transcoder = TranscoderPid(id);
-  // Nobody reads yet, so the transcoder waits on the full pipe meanwhile.
-  EXPECT_TRUE(orvotest::WaitUntil([&] { return orvotest::Registered(transcoder); }, 10000))
-      << "the transcoder " << transcoder << " never took a slot";
-
-  EXPECT_GT(ReadInto(stream, output, kMaxBytes), kHeadBytes);
-  EXPECT_TRUE(stream.Close());
-  EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
-  EXPECT_TRUE(orvotest::Ends(transcoder));
-  EXPECT_FALSE(orvotest::Registered(transcoder));
-
-  // 40 s at 15 frames a second, give or take a second.
-  EXPECT_NEAR(TransportStreamFrames(output, "mp3"), 600, 15);
-}
-
 TEST_F(HttpStreamTest, StartsAtThirtySecondsAndClosesFromAnotherRequest) {
   const std::string id = NewSession(Media::kLongH264Mp3Mkv, kProfile, "seek");
   ASSERT_EQ(id, "seek");
@@ -220,26 +163,6 @@ TEST_F(HttpStreamTest, StartsAtThirtySecondsAndClosesFromAnotherRequest) {
   // Timestamps are the source's; the muxer adds its fixed delay of 1.4 s.
   EXPECT_GE(video->start, 30.0);
   EXPECT_LT(video->start, 32.0);
-}
-
-TEST_F(HttpStreamTest, GstreamerPlatformStreamsMpegTs) {
-  orvotest::PlatformFiles braswell;
-  braswell.name = "braswell";
-  Root().Play(braswell);
-  const std::string id =
-      NewSession(Media::kH264AacMp4, "gst_hls_hd480_h264_aac", "gst", "gstreamer.json");
-  ASSERT_EQ(id, "gst");
-  const std::string output = Root().Path() + "/gst.ts";
-  HttpStream stream(id);
-  ASSERT_TRUE(stream.Init("")) << stream.GetErrorString();
-  ASSERT_TRUE(stream.Transcoding(librh::machine::Resolve(librh::machine::kPackageGstLaunch), 0));
-  const int transcoder = TranscoderPid(id);
-  EXPECT_GT(ReadInto(stream, output, kMaxBytes), 0u);
-  EXPECT_TRUE(stream.Close());
-  EXPECT_TRUE(orvotest::Ends(transcoder));
-  EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
-
-  EXPECT_GT(TransportStreamFrames(output, "aac"), 0);
 }
 
 TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {

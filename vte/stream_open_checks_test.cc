@@ -140,13 +140,9 @@ class OpenChecksTest : public ::testing::Test {
 TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
   const std::string tracks = orvotest::TestMedia(Media::kTracksMkv);  // AAC 1, AC-3 2
   const std::string silent = orvotest::TestMedia(Media::kVideoOnlyAvi);
-  // E-AC-3 as track 1 and DTS as track 2: both restricted.
-  const std::string restricted = Generate(
-      "restricted.mkv",
-      "-f lavfi -i testsrc=size=64x64:rate=25:duration=0.5 -f lavfi -i "
-      "sine=sample_rate=48000:duration=0.5 -f lavfi -i sine=sample_rate=48000:duration=0.5 "
-      "-map 0:v -map 1:a -map 2:a -c:v libx264 -preset ultrafast -pix_fmt yuv420p "
-      "-c:a:0 eac3 -c:a:1 dca -strict -2 -ac:a:1 2");
+  // Both restricted, as track 1 of each.
+  const std::string eac3 = orvotest::TestMedia(Media::kH264High10Eac3Mkv);
+  const std::string dts = orvotest::TestMedia(Media::kAnamorphicDtsMkv);
   enum Allowance { kNone, kSwitchedOn, kCustomFFmpeg };
   struct Row {
     std::string media, audioId;
@@ -156,12 +152,12 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
       {tracks, "", kNone, "opened"},
       {tracks, "2", kNone, "opened"},
       {tracks, "7", kNone, "refused TransAudioNotSupported"},
-      {restricted, "", kNone, "refused TransAudioNotSupported"},
-      {restricted, "1", kNone, "refused TransAudioNotSupported"},
-      {restricted, "2", kNone, "refused TransAudioNotSupported"},
-      {restricted, "1", kSwitchedOn, "opened"},
-      {restricted, "2", kSwitchedOn, "opened"},
-      {restricted, "2", kCustomFFmpeg, "opened"},
+      {eac3, "", kNone, "refused TransAudioNotSupported"},
+      {eac3, "1", kNone, "refused TransAudioNotSupported"},
+      {dts, "1", kNone, "refused TransAudioNotSupported"},
+      {eac3, "1", kSwitchedOn, "opened"},
+      {dts, "1", kSwitchedOn, "opened"},
+      {dts, "1", kCustomFFmpeg, "opened"},
       {silent, "5", kNone, "opened"},  // no audio at all: any id will do
   };
   for (const Row& row : rows) {

@@ -14,6 +14,7 @@
 
 #include "decisions/argument_helper.h"
 #include "tests/support/child.h"
+#include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"

@@ -14,6 +14,7 @@
 #include <map>
 
 #include "tests/support/child.h"
+#include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
 #include "tests/support/test_media.h"
 

@@ -9,11 +9,9 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <json/json.h>
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <system_error>
 
@@ -23,8 +21,6 @@
 namespace orvotest {
 namespace fs = std::filesystem;
 namespace {
-
-constexpr int kProbeTimeoutSeconds = 60;
 
 void Link(const MachineRoot& root, const std::string& built, const std::string& machinePath) {
   const fs::path link = root.At(machinePath);
@@ -91,58 +87,6 @@ std::string JoinWords(const std::vector<std::string>& words) {
   std::string line;
   for (const std::string& word : words) line += (line.empty() ? "" : " ") + word;
   return line;
-}
-
-const ProbedStream* ProbedMedia::Stream(const std::string& type) const {
-  for (const ProbedStream& stream : streams) {
-    if (stream.type == type) return &stream;
-  }
-  return nullptr;
-}
-
-bool ProbeMedia(const std::string& path, ProbedMedia* media, const std::string& format) {
-  std::string report = (fs::temp_directory_path() / "orvovte-probe-XXXXXX").string();
-  const int fd = mkstemp(report.data());
-  if (fd < 0) {
-    ADD_FAILURE() << "mkstemp failed";
-    return false;
-  }
-  close(fd);
-  // Any decoding error fails a frame, so a frame count proves a clean decode.
-  std::vector<std::string> argv = {"ffprobe", "-v", "error", "-err_detect", "explode",
-                                   "-count_frames"};
-  if (!format.empty()) argv.insert(argv.end(), {"-f", format});
-  argv.insert(argv.end(),
-              {"-show_entries",
-               "format=format_name:stream=codec_type,codec_name,start_time,nb_read_frames,width,"
-               "height,sample_rate,channels",
-               "-of", "json", "-o", report, path});
-  const int status = RunQuietly(argv, kProbeTimeoutSeconds);
-  Json::Value document;
-  std::ifstream in(report);
-  Json::CharReaderBuilder builder;
-  std::string errors;
-  const bool parsed = status == 0 && Json::parseFromStream(builder, in, &document, &errors);
-  unlink(report.c_str());
-  if (!parsed) {
-    ADD_FAILURE() << "ffprobe of " << path << " failed (status " << status << ") " << errors;
-    return false;
-  }
-  *media = ProbedMedia();
-  media->format = document["format"]["format_name"].asString();
-  for (const Json::Value& stream : document["streams"]) {
-    ProbedStream probed;
-    probed.type = stream["codec_type"].asString();
-    probed.codec = stream["codec_name"].asString();
-    probed.start = std::atof(stream.get("start_time", "-1").asCString());
-    probed.frames = std::atol(stream.get("nb_read_frames", "-1").asCString());
-    probed.width = stream["width"].asInt();
-    probed.height = stream["height"].asInt();
-    probed.sampleRate = std::atoi(stream.get("sample_rate", "0").asCString());
-    probed.channels = stream["channels"].asInt();
-    media->streams.push_back(probed);
-  }
-  return true;
 }
 
 }  // namespace orvotest

@@ -40,23 +40,4 @@ bool WaitForPath(const std::string& path, int timeoutMs);
 std::vector<std::string> SplitWords(const std::string& line);
 std::string JoinWords(const std::vector<std::string>& words);
 
-// What ffprobe found in a file, every frame decoded.
-struct ProbedStream {
-  std::string type;   // "video", "audio"
-  std::string codec;
-  double start = -1;  // seconds
-  long frames = -1;   // frames decoded
-  int width = 0, height = 0, sampleRate = 0, channels = 0;
-};
-struct ProbedMedia {
-  std::string format;
-  std::vector<ProbedStream> streams;
-  // The first stream of `type`, or null.
-  const ProbedStream* Stream(const std::string& type) const;
-};
-
-// Probes `path` with the ffprobe CLI; `format` forces the demuxer ("" lets
-// ffprobe guess). False (with a gtest failure) when ffprobe fails.
-bool ProbeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "");
-
 }  // namespace orvotest

@@ -103,4 +103,11 @@ std::string BytesFromHex(const std::string& hex) {
   return bytes;
 }
 
+std::string Attribute(const std::string& xml, const std::string& name, size_t from) {
+  const size_t start = xml.find(" " + name + "=\"", from);
+  if (start == std::string::npos) return "";
+  const size_t value = start + name.size() + 3;
+  return xml.substr(value, xml.find('"', value) - value);
+}
+
 }  // namespace orvotest

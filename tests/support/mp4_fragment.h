@@ -29,4 +29,8 @@ Mp4Fragment ReadMp4Fragment(const std::string& path);
 // "0a1B" as the bytes 0x0a 0x1b.
 std::string BytesFromHex(const std::string& hex);
 
+// The value of the first `name="..."` attribute at or after `from` in a
+// manifest's XML; "" when there is none.
+std::string Attribute(const std::string& xml, const std::string& name, size_t from = 0);
+
 }  // namespace orvotest

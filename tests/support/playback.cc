@@ -14,6 +14,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/child.h"
+#include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
 #include "tests/support/stream_watch.h"
 #include "toolkit/files.h"
@@ -29,8 +30,7 @@ constexpr char kProfiles[] = R"({
   "paced": "-vcodec libx264 -preset ultrafast -s 160x120 -b:v 200k -vf realtime=speed=10 -acodec libfdk_aac -ab 64k",
   "slow": "-vcodec libx264 -preset ultrafast -s 160x120 -b:v 200k -vf realtime=speed=1 -acodec libfdk_aac -ab 64k",
   "remux": "-vcodec copy -bsf:v h264_mp4toannexb -acodec libfdk_aac -ab 64k",
-  "broken": "-vcodec no_such_encoder -acodec libfdk_aac",
-  "gst": "vaapipostproc width=320 height=240 @VERTICAL@ ! videoflip ! vaapih264enc rate-control=cbr bitrate=300 ! h264parse$audioconvert ! audioresample ! audio/x-raw,rate=48000,channels=2 ! avenc_aac bitrate=64000 ! aacparse$mpegtsmux"
+  "broken": "-vcodec no_such_encoder -acodec libfdk_aac"
 })";
 
 }  // namespace

@@ -25,10 +25,31 @@ enum class Media {
   kLongLowResMp4,    // H.264 160x120 at 10 fps, a keyframe each second, + AAC stereo
                      // 48 kHz, 130 s: long enough to seek to 60 and 120 s
   kLongH264AacMp4,   // H.264 160x120 at 10 fps, a keyframe every second, + AAC, 100 s
+  // What a home library holds, a few seconds each. The bars clips show the
+  // same SMPTE colour bars, so pictures can be compared across them.
+  kBarsH264Mp4,        // bars, H.264 8-bit 4:2:0 tagged BT.709, 640x360 + AAC stereo, 6 s
+  kHdr10HevcMkv,       // the bars as HEVC Main 10, HDR10 (PQ, BT.2020) + Opus 5.1, 6 s
+  kHlgHevcMp4,         // the bars as HEVC Main 10, HLG (BT.2020) + AAC stereo, 6 s
+  kH264444Ac3Mkv,      // H.264 High 4:4:4 Predictive + AC-3 5.1, 6 s
+  kH264High10Eac3Mkv,  // H.264 High 10 + E-AC-3 stereo, 6 s
+  kHevcFlacAssMkv,     // HEVC Main 640x360 + FLAC mono + ASS subtitles, 6 s
+  kAv1OpusWebm,        // AV1 + Opus stereo, 6 s
+  kInterlacedMpeg2Ts,  // MPEG-2 720x576 interlaced, top field first + MP2 stereo, 4 s
+  kMpeg4Mp3Avi,        // MPEG-4 part 2 tagged XVID + MP3 stereo, 6 s
+  kPhoneVfrMp4,        // H.264 640x360 at a variable frame rate + AAC mono 44.1 kHz
+                       // + mov_text subtitles, 6 s
+  kPhone90Mp4,         // kPhoneVfrMp4 turned by its display matrix: probes as 90
+  kPhone270Mp4,        // the same turned the other way: probes as 270
+  kAnamorphicDtsMkv,   // H.264 720x576 with sample aspect 16:15 + DTS 5.1, 6 s
+  kOddSizeMkv,         // H.264 1918x1080 + AAC 7.1, 4 s
+  kBesideSrt,          // SubRip subtitles beside kH264High10Eac3Mkv
 };
 
 // Every kind, in declaration order.
 const std::vector<Media>& AllMedia();
+
+// The media matrix: the sources a home library holds, one of each kind.
+const std::vector<Media>& LibraryMedia();
 
 // A short name for messages ("h264_aac.mp4").
 std::string MediaName(Media kind);

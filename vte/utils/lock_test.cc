@@ -6,10 +6,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "tests/support/child.h"
 #include "tests/support/log_capture.h"
@@ -124,6 +122,8 @@ TEST_F(LockTest, KeepsOneCloseOnExecDescriptorUntilUnlocked) {
   EXPECT_EQ(0, stat(LockPath().c_str(), &st)) << "the lock file stays on disk";
 }
 
+// The blocking lock across processes is the load registry's
+// (vte/utils/trans_loading_test.cc).
 TEST_F(LockTest, NonBlockingLockFailsWhileAnotherProcessHoldsIt) {
   const std::string path = LockPath();
   Signal held;
@@ -149,53 +149,6 @@ TEST_F(LockTest, NonBlockingLockFailsWhileAnotherProcessHoldsIt) {
   EXPECT_EQ(0, orvotest::WaitForChild(holder, 10));
   Lock granted(path, false);
   EXPECT_TRUE(granted.IsLockSucess()) << "the lock ends with its holder";
-}
-
-// Several processes update a shared counter by read, pause, write, which loses
-// updates unless the lock keeps them apart; a marker created exclusively
-// inside the critical section catches two holders directly.
-TEST_F(LockTest, SerialisesRealProcesses) {
-  constexpr int kProcesses = 4;
-  constexpr int kRounds = 100;
-  const std::string path = LockPath();
-  const std::string counter = Root().At("/tmp/counter");
-  const std::string marker = Root().At("/tmp/holder");
-  std::ofstream(counter) << 0;
-
-  auto contend = [&]() -> int {
-    for (int round = 0; round < kRounds; ++round) {
-      Lock lock(path, true);
-      if (!lock.IsLockSucess()) return 2;
-      int inside = open(marker.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
-      if (inside < 0) return 3;  // someone else is inside too
-      close(inside);
-      int fd = open(counter.c_str(), O_RDWR | O_CLOEXEC);
-      if (fd < 0) return 4;
-      char text[32] = {};
-      if (pread(fd, text, sizeof(text) - 1, 0) <= 0) return 5;
-      const std::string next = std::to_string(atoi(text) + 1);
-      usleep(200);
-      if (ftruncate(fd, 0) != 0 || pwrite(fd, next.data(), next.size(), 0) < 0) return 6;
-      close(fd);
-      if (unlink(marker.c_str()) != 0) return 7;
-    }
-    return 0;
-  };
-
-  std::vector<pid_t> children;
-  for (int i = 0; i < kProcesses; ++i) {
-    pid_t child = orvotest::StartChild(contend);
-    ASSERT_GT(child, 0);
-    children.push_back(child);
-  }
-  for (pid_t child : children) {
-    EXPECT_EQ(0, orvotest::WaitForChild(child, 60))
-        << "pid " << child << ": 2 no lock, 3 two holders, 4-7 file errors";
-  }
-  std::ifstream in(counter);
-  int total = -1;
-  in >> total;
-  EXPECT_EQ(kProcesses * kRounds, total);
 }
 
 }  // namespace
