@@ -1,8 +1,8 @@
 // Real players in Debian's headless Chromium against the reference web API
 // (tools/webapi): every stream kind plays, HLS and Smooth seek to the right
-// picture, subtitles load, an unplayable file shows its error, a server that
-// breaks its segments fails the same check, and nothing of a closed stream
-// is left behind.
+// picture, subtitles load, HDR shows SDR colours, an unplayable file shows
+// its error, a server that breaks its segments fails the same check, and
+// nothing of a closed stream is left behind.
 //
 //   node tests/browser/playback.mjs --build BUILD_DIR
 //
@@ -148,9 +148,30 @@ async function seekAndRead(page, target) {
   });
 }
 
+// SMPTE bars as an HDR10 grade puts them (PQ, BT.2020, white at 100 nits)
+// in 10-bit HEVC; the colours a screen should show at two bars of the top
+// row, as fractions of the picture's width and height.
+const hdrSource = 'hdr10-bars.mkv';
+const hdrBars = [{ x: 0.284, y: 0.25, rgb: [191, 191, 0] }, { x: 0.391, y: 0.25, rgb: [0, 191, 191] }];
+
+function makeHdrSource() {
+  const file = path.join(media, hdrSource);
+  if (fs.existsSync(file)) return;
+  const part = path.join(media, `part-${hdrSource}`);
+  execFileSync('ffmpeg', ['-nostdin', '-y', '-v', 'error', '-f', 'lavfi', '-i',
+    'smptehdbars=size=640x360:rate=25:duration=12', '-f', 'lavfi', '-i',
+    'sine=frequency=440:sample_rate=48000:duration=12', '-vf',
+    'zscale=tin=bt709:min=bt709:pin=bt709:rin=tv:t=smpte2084:m=bt2020nc:p=bt2020:r=tv:npl=100,format=yuv420p10le',
+    '-c:v', 'libx265', '-preset', 'ultrafast', '-x265-params',
+    'log-level=error:crf=12:colorprim=bt2020:transfer=smpte2084:colormatrix=bt2020nc:hdr10=1:max-cll=1000,400',
+    '-c:a', 'aac', '-ac', '2', part]);
+  fs.renameSync(part, file);
+}
+
 let server;
 before(async () => {
   execFileSync(path.join(webapi, 'make-sample.sh'), [media], { stdio: 'inherit' });
+  makeHdrSource();
   browser = await chromium.launch({
     executablePath: chromiumPath, headless: true,
     args: ['--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
@@ -215,6 +236,34 @@ test('WebM in the video element and progressive MPEG-TS through mpegts.js play',
     assertPictureMatchesClock(picture, clock, kind);
     await page.evaluate(() => window.orvo.close());
   }
+  await page.close();
+  await assertNothingLeft(server);
+});
+
+test('HLS of a 10-bit HDR10 source shows the bars in their colours', async () => {
+  const page = await newPage(server);
+  const opened = await page.evaluate((file) => window.orvo.open('hls', file), hdrSource);
+  assert.ok(opened.id, JSON.stringify(opened));
+  // Played to its last segment, so that no segment request still waits
+  // when the stream is closed.
+  await page.evaluate(() => { window.orvo.video.playbackRate = 2; });
+  assert.equal(await playPast(page, 10.5, 60000), null, 'HDR10 playback');
+  // Read back from the video element as the page would paint it.
+  const shown = await page.evaluate((spots) => {
+    const { video } = window.orvo;
+    const canvas = document.createElement('canvas');
+    canvas.width = video.videoWidth;
+    canvas.height = video.videoHeight;
+    const context = canvas.getContext('2d', { willReadFrequently: true });
+    context.drawImage(video, 0, 0);
+    return spots.map(({ x, y }) => Array.from(context.getImageData(
+      Math.floor(x * canvas.width), Math.floor(y * canvas.height), 1, 1).data.slice(0, 3)));
+  }, hdrBars);
+  hdrBars.forEach(({ rgb }, bar) => {
+    assert.ok(rgb.every((level, channel) => Math.abs(shown[bar][channel] - level) <= 30),
+      `a bar shows ${shown[bar]} for ${rgb}`);
+  });
+  await page.evaluate(() => window.orvo.close());
   await page.close();
   await assertNothingLeft(server);
 });
