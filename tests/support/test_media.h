@@ -25,6 +25,10 @@ enum class Media {
   kLongLowResMp4,    // H.264 160x120 at 10 fps, a keyframe each second, + AAC stereo
                      // 48 kHz, 130 s: long enough to seek to 60 and 120 s
   kLongH264AacMp4,   // H.264 160x120 at 10 fps, a keyframe every second, + AAC, 100 s
+  kGreyClockMp4,     // H.264 320x180 at 30 fps whose whole picture is one grey per second
+                     // (luma 64 + 12 * (second mod 12)), + AAC stereo 48 kHz, 60 s
+  kRotatedClockMp4,  // kGreyClockMp4 re-muxed with rotate=270 (probes as 90): a phone
+                     // clip shown upright at 180x320
 };
 
 // Every kind, in declaration order.
