@@ -17,6 +17,7 @@
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/mp4_fragment.h"
 #include "tests/support/stream_watch.h"
@@ -320,6 +321,8 @@ TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
   fs::create_symlink(orvotest::StandInProgram(), program);
   const std::string record = Root().At("/record");
   orvotest::ArmStandIn(record, 60000, true);
+  // What the monitors log, through the library's log file.
+  const orvotest::LogCapture log(orvotest::LogCapture::kLogFile);
 
   for (const std::string ending : {"close", "idle", "signal"}) {
     Open(orvotest::Media::kH264AacMp4, ending);
@@ -350,6 +353,9 @@ TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
         << ending;
     // A signal leaves the session (and its fragments) for Close.
     EXPECT_EQ(orvotest::Exists(SessionPath("SS", ending)), ending == "signal") << ending;
+    if (ending == "idle") {
+      EXPECT_TRUE(log.Contains(" time out for access [900 seconds]")) << log.Dump();
+    }
   }
 }
 
