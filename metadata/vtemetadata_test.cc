@@ -51,29 +51,6 @@ TEST_F(SessionMetaDataTest, ProfileIsCopiedAsText) {
   }
 }
 
-TEST_F(SessionMetaDataTest, StoredDocumentServesEveryAccessor) {
-  const std::string clip = orvotest::TestMedia(orvotest::Media::kH264AacMp4);
-  ASSERT_TRUE(VTEMetaData::ParserMetaData(clip, "s1", "HTTP", profiles_, "hd", ""));
-
-  VTEMetaData session("s1", "HTTP");
-  ASSERT_TRUE(session.LoadMetaData());
-  VideoMetaData probed;
-  ASSERT_TRUE(probed.LoadFile(clip));
-
-  EXPECT_EQ("", session.GetDevice());
-  EXPECT_EQ("hd", session.GetProfileKey());
-  EXPECT_EQ("-vcodec libx264 -s hd720", session.GetProfileValue());
-  EXPECT_EQ(probed.GetFilePath(), session.GetFilePath());
-  EXPECT_EQ(probed.GetFileSize(), session.GetFileSize());
-  EXPECT_EQ(probed.GetContainer(), session.GetContainer());
-  EXPECT_EQ(probed.GetVideoResolutionX(), session.GetVideoResolutionX());
-  EXPECT_EQ(probed.GetVideoFramerate(), session.GetVideoFramerate());
-  EXPECT_EQ(probed.GetVideoCodecName(), session.GetVideoCodecName());
-  Json::Value video, audio;
-  EXPECT_TRUE(session.GetTrackInfo(video, audio));
-  EXPECT_EQ(1u, audio.size());
-}
-
 TEST_F(SessionMetaDataTest, UnusableSessionsDoNotLoad) {
   // No type: nothing is read at all, even with a file where it would be.
   VTEMetaData untyped("s1", "");

@@ -1,5 +1,18 @@
 // The one way the system writes a log line: syslog(priority, "%s:%d <message>")
 // with the source tag (a source file's base name) and a line number.
+//
+// Where the machine has no syslog daemon (no socket at /dev/log), syslog
+// drops every line. So the line also goes to the library's own log file,
+// kLogFile under the machine root, whenever that file exists (an operator or
+// a test creates it to turn it on), and under a machine root (the demo's, a
+// test's) that has no syslog socket to use, where the file and its
+// directory are created. Each line is appended in one write:
+//
+//   <UTC time, ISO 8601> <pid> <priority name> <tag>:<line> <message>
+//
+// with every control character of the message written as "#" and three
+// octal digits (a newline is "#012"), as syslog daemons do, so that one
+// call is one line.
 #pragma once
 
 #include <syslog.h>
@@ -9,6 +22,9 @@
 
 namespace librh {
 namespace log {
+
+// The library's log file, as the machine knows it (resolved under the root).
+inline constexpr char kLogFile[] = "/var/log/liborvovte.log";
 
 // Formats `format` and sends "<tag>:<line> <message>" at `priority`.
 void Write(int priority, const char* tag, int line, const char* format, ...)
@@ -21,6 +37,11 @@ using Sink = std::function<void(int priority, const std::string& text)>;
 // Installs `sink` (an empty function restores syslog). Not thread-safe: tests
 // install it before the code under test runs.
 void SetSinkForTesting(Sink sink);
+
+// The priority's name in a log file line ("err", "warning", ...); its number
+// for a name, -1 for an unknown one.
+const char* PriorityName(int priority);
+int PriorityFromName(const std::string& name);
 
 }  // namespace log
 }  // namespace librh

@@ -49,4 +49,5 @@ for _ in $(seq 50); do
 done
 echo
 echo "The player page: http://127.0.0.1:$port/  (Ctrl-C stops the server)"
+echo "The engine's log lines: syslog, and $work/state/root/var/log/liborvovte.log where no syslog daemon runs"
 wait $server

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -40,6 +41,11 @@ constexpr int kSlotAttempts = 60;
 // Line numbers that operators match on.
 constexpr int kSlotRefusedLine = 60;
 
+// A transcoder replaced by a new run of its stream may be blocked writing to
+// a reader that went away, deaf to TERM: it is killed after this long.
+constexpr int kReplacedGraceMs = 3000;
+constexpr int kKilledWaitMs = 1000;
+
 // Longer than the transcoder ever stays silent while it works (its start-up
 // and a seek included), short enough for a player not to give up first.
 constexpr time_t kReadTimeoutSeconds = 30;
@@ -54,6 +60,23 @@ bool WaitForTranscodingSlot(bool hardware) {
     librh::waits::Sleep(1);
   }
   return false;
+}
+
+// Ends the transcoder the session records, and gives back its slot in the
+// load registry. With a grace, it has ended when this returns (TERM, then
+// KILL once the grace is over); without, it is only sent TERM.
+void EndRecordedTranscoder(const std::string& pidFile, int graceMs) {
+  // A pid that another process has taken since the transcoder ended is
+  // neither signalled nor unregistered.
+  const RecordedProcess transcoder(pidFile);
+  if (!transcoder.IsRecorded()) return;
+  transcoder.Signal(SIGTERM);
+  if (graceMs > 0 && !transcoder.WaitForEnd(graceMs)) {
+    transcoder.Signal(SIGKILL);
+    transcoder.WaitForEnd(kKilledWaitMs);
+  }
+  LibReelhall::TransLoading registry;
+  registry.RemoveTransPIDLock(transcoder.Pid());
 }
 
 void CloseIfOpen(int descriptor) {
@@ -160,6 +183,9 @@ bool HttpStream::Init(const std::string& audioId) {
       RemoveTransDir();
       return false;
     }
+    // A new run of the stream (a seek) replaces the one still going, whose
+    // slot would otherwise refuse it.
+    EndRecordedTranscoder(GetVTEFileFullPath(kMonitorPidFile), kReplacedGraceMs);
     if (!WaitForTranscodingSlot(hardware_)) {
       librh::log::Write(LOG_ERR, kLogTag, kSlotRefusedLine,
                         "HTTP Transcoding Init Failed: There is another app using video "
@@ -264,14 +290,7 @@ bool HttpStream::Close() {
   bool closed = false;
   try {
     if (!streamId_.empty()) {
-      // A pid that another process has taken since the transcoder ended
-      // is neither signalled nor unregistered.
-      const RecordedProcess transcoder(GetVTEFileFullPath(kMonitorPidFile));
-      if (transcoder.IsRecorded()) {
-        transcoder.Signal(SIGTERM);
-        LibReelhall::TransLoading registry;
-        registry.RemoveTransPIDLock(transcoder.Pid());
-      }
+      EndRecordedTranscoder(GetVTEFileFullPath(kMonitorPidFile), 0);
       // Also after a failed Init, which leaves an "HTTP" directory behind.
       if (!GetVTEFileFullPath("").empty()) session::Remove(type_, streamId_);
       closed = true;

@@ -25,7 +25,9 @@ class DirectStream : public VTEStream {
 
   // Checks that the session can start a transcoder now and remembers the
   // requested audio track ("" for the first). On false the error string may
-  // say why.
+  // say why. A new run of the session (a seek) replaces the one still
+  // going: that run is ended first, its transcoding slot given back before
+  // the check, so the stream is never refused for its own previous run.
   virtual bool Init(const std::string& audioId) = 0;
   // Starts the transcoder `startSeconds` into the source, writing into a new
   // pipe whose read end this object keeps. True in the calling process once
@@ -58,8 +60,9 @@ class HttpStream : public DirectStream {
   unsigned int GetMetaVideoRotate() const override;
   // False when the session is unusable, with "TransSapceNotEnough" or
   // "TransEnable" in the error string for those two causes; the caller still
-  // closes the stream, which removes the session. Waits up to about a minute
-  // for a transcoding slot.
+  // closes the stream, which removes the session. Ends the session's running
+  // transcoder (TERM, then KILL after a few seconds), then waits up to about
+  // a minute for a transcoding slot.
   bool Init(const std::string& audioId) override;
   bool Transcoding(const std::string& transcoderPath, unsigned long startSeconds) override;
   // The number of bytes read (at least 1), or -1 on end of stream, error, no
@@ -104,6 +107,8 @@ class WebMStream : public DirectStream {
   // Closes the pipe.
   ~WebMStream() override;
 
+  // Ends the session's running monitor (waiting a few seconds for it to stop
+  // its ffmpeg), then makes the common open checks.
   bool Init(const std::string& audioId) override;
   // `transcoderPath` must be non-empty, but the package's own ffmpeg is run.
   // False for a start beyond the source's duration.

@@ -135,7 +135,10 @@ class HttpStreamTest : public orvotest::StreamTest {
   static std::string Ffmpeg() { return librh::machine::Resolve(librh::machine::kPackageFFmpeg); }
 };
 
-TEST_F(HttpStreamTest, StartsAtThirtySecondsAndClosesFromAnotherRequest) {
+// A run at 30 s, whose reader has stopped reading; a seek opens a new run
+// of the same stream at 10 s on a machine that runs one transcoder; then
+// another request closes the stream.
+TEST_F(HttpStreamTest, ASeekReplacesTheRunningTranscoderAndAnotherRequestCloses) {
   const std::string id = NewSession(Media::kLongH264Mp3Mkv, kProfile, "seek");
   ASSERT_EQ(id, "seek");
   const std::string head = Root().Path() + "/head.ts";
@@ -143,26 +146,42 @@ TEST_F(HttpStreamTest, StartsAtThirtySecondsAndClosesFromAnotherRequest) {
   ASSERT_TRUE(stream.Init(""));
   ASSERT_TRUE(stream.Transcoding(Ffmpeg(), 30));
   ASSERT_GE(ReadInto(stream, head, kHeadBytes), kHeadBytes);
-  const int transcoder = TranscoderPid(id);
+  const int replaced = TranscoderPid(id);
+  EXPECT_TRUE(orvotest::Registered(replaced));
+
+  // The running transcoder, blocked on its full pipe, ends and gives back
+  // its slot before the new run is checked; its reader sees the end.
+  HttpStream seek(id);
+  ASSERT_TRUE(seek.Init("")) << seek.GetErrorString();
+  EXPECT_TRUE(orvotest::Ends(replaced, 0));
+  EXPECT_FALSE(orvotest::Registered(replaced));
+  EXPECT_LT(ReadInto(stream, Root().Path() + "/rest.ts", kMaxBytes), kMaxBytes);
+  const std::string seekHead = Root().Path() + "/seek.ts";
+  ASSERT_TRUE(seek.Transcoding(Ffmpeg(), 10));
+  ASSERT_GE(ReadInto(seek, seekHead, kHeadBytes), kHeadBytes);
+  const int transcoder = orvotest::RecordedPid(SessionPath(id, "monitor.pid"), replaced);
   EXPECT_TRUE(orvotest::Registered(transcoder));
 
-  // The transcoder is blocked on the pipe, alive, while another request
+  // The new transcoder is blocked on the pipe, alive, while another request
   // closes the stream.
   EXPECT_EQ(orvotest::RunInChild([&] { return HttpStream(id).Close() ? 0 : 1; }), 0);
   EXPECT_FALSE(orvotest::Registered(transcoder));
   EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
   // What was still in the pipe drains, then the stream ends.
-  EXPECT_LT(ReadInto(stream, Root().Path() + "/tail.ts", kMaxBytes), kMaxBytes);
+  EXPECT_LT(ReadInto(seek, Root().Path() + "/tail.ts", kMaxBytes), kMaxBytes);
   EXPECT_TRUE(orvotest::Ends(transcoder));
   EXPECT_TRUE(stream.Close());
+  EXPECT_TRUE(seek.Close());
 
-  orvotest::ProbedMedia media;
-  ASSERT_TRUE(orvotest::ProbeMedia(head, &media));
-  const orvotest::ProbedStream* video = media.Stream("video");
-  ASSERT_NE(video, nullptr) << "no video in the first bytes";
   // Timestamps are the source's; the muxer adds its fixed delay of 1.4 s.
-  EXPECT_GE(video->start, 30.0);
-  EXPECT_LT(video->start, 32.0);
+  for (const auto& [file, start] : {std::pair{head, 30.0}, std::pair{seekHead, 10.0}}) {
+    orvotest::ProbedMedia media;
+    ASSERT_TRUE(orvotest::ProbeMedia(file, &media)) << file;
+    const orvotest::ProbedStream* video = media.Stream("video");
+    ASSERT_NE(video, nullptr) << "no video in the first bytes of " << file;
+    EXPECT_GE(video->start, start) << file;
+    EXPECT_LT(video->start, start + 2) << file;
+  }
 }
 
 TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {

@@ -152,6 +152,17 @@ bool CutFragment(const std::string& path) {
   return !whole;
 }
 
+// A source turned a quarter by its rotation plays upright in portrait (the
+// transcoder turns the picture as it decodes), while every predicted frame
+// is landscape: the picture is fitted in with bars, scaled by its display
+// aspect and centred, rather than stretched to the frame.
+std::string FitWithBars(const std::string& width, const std::string& height) {
+  const std::string wider = "gt(dar," + width + "/" + height + ")";
+  return "scale=w='if(" + wider + "," + width + ",2*trunc(" + height + "*dar/2))'" +
+         ":h='if(" + wider + ",2*trunc(" + width + "/dar/2)," + height + ")'" + ",pad=" + width +
+         ":" + height + ":-1:-1";
+}
+
 monitor::Children MonitorChildren() {
   return {&gPidSSFFMPEG, nullptr, true, kStopGraceMs, kLogTag};
 }
@@ -360,6 +371,8 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
 std::vector<std::string> SmoothStream::CalculateFFmpegArgument() const {
   std::vector<std::string> arguments;
   if (profileArgs_.empty() || metadata_.GetVideoRatio() <= 0) return arguments;
+  std::string fit;
+  long filters = -1;  // the index of the profile's video filter chain
   bool sizeNext = false;
   for (const std::string& token : StringExplode(profileArgs_, " \n")) {
     if (sizeNext) {
@@ -374,10 +387,21 @@ std::vector<std::string> SmoothStream::CalculateFFmpegArgument() const {
         return arguments;
       }
       arguments.push_back(size);
+      const unsigned int rotation = GetMetaVideoRotate();
+      if (rotation == 90 || rotation == 270) fit = FitWithBars(width, height);
     } else {
+      if (!arguments.empty() && arguments.back() == "-vf") {
+        filters = static_cast<long>(arguments.size());
+      }
       arguments.push_back(token);
     }
     sizeNext = token == "-s";
+  }
+  // The fit first: the profile's own filters work on the frame it makes.
+  if (!fit.empty() && filters >= 0) {
+    arguments[filters] = fit + "," + arguments[filters];
+  } else if (!fit.empty()) {
+    arguments.insert(arguments.end(), {"-vf", fit});
   }
   arguments.insert(arguments.end(),
                    {"-fragment_length", kFragmentSeconds, "-seek_time", std::to_string(seekTime)});

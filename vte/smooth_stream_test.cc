@@ -199,6 +199,21 @@ TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
               hardware ? " -ac 2 -fragment_length 5 -seek_time 120 -filled 1"
                        : " -ac 2 -fragment_length 5 -seek_time 120");
   }
+
+  // A quarter-turned picture is fitted into the frame with bars, also by a
+  // profile that has no filters of its own (the playback test shows it
+  // fitted by the software profile's).
+  ASSERT_EQ(orvotest::CreateSession(orvotest::Media::kRotatedMp4, "SS", "smooth.json",
+                                    "smoothstreaming_240p_h264_smd_vb200_aac_ab40", "turned"),
+            "turned");
+  std::string words;
+  for (const std::string& word : StagedSmooth("turned").CalculateFFmpegArgument()) {
+    words += " " + word;
+  }
+  EXPECT_EQ(words.substr(words.find(" -ac 2 ")),
+            " -ac 2 -vf scale=w='if(gt(dar,320/240),320,2*trunc(240*dar/2))':"
+            "h='if(gt(dar,320/240),2*trunc(320/dar/2),240)',pad=320:240:-1:-1 "
+            "-fragment_length 5 -seek_time 0");
 }
 
 }  // namespace

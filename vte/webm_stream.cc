@@ -47,7 +47,12 @@ WebMStream::~WebMStream() {
   if (fd >= 0) close(fd);
 }
 
-bool WebMStream::Init(const std::string& audioId) { return InitStreamCommon(audioId, false); }
+bool WebMStream::Init(const std::string& audioId) {
+  // The run this one replaces holds the transcoding slot until its monitor
+  // has stopped its ffmpeg; the stream must not be refused for it.
+  SaveMonitorPid(0, true);
+  return InitStreamCommon(audioId, false);
+}
 
 bool WebMStream::Transcoding(const std::string& transcoderPath, unsigned long startSeconds) {
   try {

@@ -43,9 +43,10 @@ class WebMStreamTest : public orvotest::StreamTest {
     return orvotest::SessionPath("WEBM", id, name);
   }
 
-  // A request that starts a run at `start` and reads it into `file` until it
-  // ends, pausing `pauseMs` after each 4 KiB so that the run outlasts what
-  // the test does meanwhile. Exits 0 when the stream ended.
+  // A request that starts a run at `start` (Init, then Transcoding, as every
+  // run of a stream is started) and reads it into `file` until it ends,
+  // pausing `pauseMs` after each 4 KiB so that the run outlasts what the
+  // test does meanwhile. Exits 0 when the stream ended, 5 when refused.
   static pid_t Reader(const std::string& id, unsigned long start, const std::string& file,
                       long pauseMs) {
     return orvotest::StartChild([=] {
@@ -53,6 +54,7 @@ class WebMStreamTest : public orvotest::StreamTest {
       const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
       dup2(null, STDERR_FILENO);
       WebMStream stream(id);
+      if (!stream.Init("")) return 5;
       if (!stream.Transcoding("ffmpeg", start)) return 2;
       std::ofstream out(file, std::ios::binary);
       char buffer[4096];
@@ -162,7 +164,8 @@ TEST_F(WebMStreamTest, MonitorStopsOnSignalAndOnASeekAndCloseLeavesNothing) {
   EXPECT_EQ(stopped.Stream("video")->codec, "vp8");
   EXPECT_LT(stopped.Stream("video")->frames, 300);
 
-  // A seek is a new run, which ends the running one first.
+  // A seek is a new run, which ends the running one first: the machine runs
+  // one transcoder, which that run still holds when the seek opens.
   const std::string second = Root().Path() + "/second.webm";
   const pid_t secondReader = Reader(id, 0, second, 50);
   const int secondMonitor = orvotest::RecordedPid(pidFile, firstMonitor);

@@ -52,6 +52,8 @@ struct Walk {
   long long fragmentSeconds = -1;  // "-fragment_length"
   long long seekSeconds = -1;      // "-seek_time"
   long seekOffsetIndex = -1;       // of "-output_ts_offset" made from "-seek_time"
+  long frameRateIndex = -1;        // of the output's "-r"
+  long videoFiltersIndex = -1;     // of the value after "-vf" or "-filter:v"
 };
 
 bool Fail(std::string* error, const std::string& message) {
@@ -128,6 +130,10 @@ bool WalkWords(const std::vector<std::string>& argv, size_t end,
       walk->pixelFormatGiven = true;
     } else if (word == "-color_primaries" || word == "-color_trc" || word == "-colorspace") {
       walk->colourTagged = true;
+    } else if (word == "-r" && walk->hasInput) {
+      walk->frameRateIndex = static_cast<long>(walk->words.size()) - 1;
+    } else if (word == "-vf" || word == "-filter:v") {
+      walk->videoFiltersIndex = static_cast<long>(walk->words.size());
     } else if (word == "-f") {
       walk->formatIndex = static_cast<long>(walk->words.size());
     } else if (word == "-force_key_frames") {
@@ -162,6 +168,30 @@ void ForceKeyFrames(long long seconds, Walk* walk) {
   if (walk->videoCodec == "copy" || walk->forcesKeyFrames) return;
   walk->words.insert(walk->words.end(),
                      {"-force_key_frames", "expr:gte(t,n_forced*" + std::to_string(seconds) + ")"});
+}
+
+// Stock 5.1 makes an output "-r" by dropping and repeating frames as they
+// leave the filters, and shows each picture late: at -r 15 a 25 or 30 fps
+// source's pictures come 0.133 s (two output frames) after their time, so a
+// player's clock runs ahead of the picture. The fps filter places every
+// picture at its own time.
+void FrameRateAsFilter(Walk* walk) {
+  if (walk->frameRateIndex < 0 || walk->videoCodec == "copy") return;
+  std::vector<std::string>& words = walk->words;
+  const long at = walk->frameRateIndex;
+  const std::string fps = "fps=" + words[at + 1];
+  words.erase(words.begin() + at, words.begin() + at + 2);
+  const auto shift = [at](long& index) {
+    if (index > at) index -= 2;
+  };
+  shift(walk->formatIndex);
+  shift(walk->seekOffsetIndex);
+  shift(walk->videoFiltersIndex);
+  if (walk->videoFiltersIndex >= 0) {
+    words[walk->videoFiltersIndex] += "," + fps;
+  } else {
+    words.insert(words.end(), {"-vf", fps});
+  }
 }
 
 // The segment muxer lists each segment as it closes it, with its start and
@@ -278,6 +308,7 @@ bool PlanFFmpeg(const std::vector<std::string>& libraryArgv, const std::string& 
   if (!WalkWords(libraryArgv, outputIndex, stockHasEncoder, &walk, error)) return false;
   if (!walk.hasInput) return Fail(error, "no input: \"-i\" is missing");
 
+  FrameRateAsFilter(&walk);
   FFmpegPlan result;
   switch (walk.kind) {
     case OutputKind::kSegments:

@@ -67,10 +67,11 @@ TEST(PlanFFmpeg, TranslatesTheLibraryCommandLines) {
        "-i pipe:9 -map 0 -codec copy -f segment -segment_time 5 -segment_start_number 7 "
        "-initial_offset 35 -segment_list /s/segments.csv -segment_list_type csv /s/slice-%05d.ts",
        OutputKind::kSegments},
-      // Smooth, software: fragments into staging, names shifted by the seek.
-      {"ffmpeg -ss 120 -i /v/a.mp4 -vcodec libx264 -s 320x240 -acodec libfdk_aac -ab 40k "
-       "-fragment_length 5 -seek_time 120 -map 0:0 -map 0:1 /s/smooth",
-       "-ss 120 -i /v/a.mp4 -vcodec libx264 -s 320x240 -acodec aac -ab 40k "
+      // Smooth, software: fragments into staging, names shifted by the seek,
+      // the frame rate made by the filter that keeps pictures on time.
+      {"ffmpeg -ss 120 -i /v/a.mp4 -vcodec libx264 -s 320x240 -vf setsar=0/1 -r 15 "
+       "-acodec libfdk_aac -ab 40k -fragment_length 5 -seek_time 120 -map 0:0 -map 0:1 /s/smooth",
+       "-ss 120 -i /v/a.mp4 -vcodec libx264 -s 320x240 -vf setsar=0/1,fps=15 -acodec aac -ab 40k "
        "-min_frag_duration 5000000 -output_ts_offset 120 -map 0:0 -map 0:1 -f smoothstreaming "
        "-lookahead_count 0 -force_key_frames expr:gte(t,n_forced*5) -pix_fmt yuv420p "
        "/s/smooth/.staging",

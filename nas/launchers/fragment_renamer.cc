@@ -1,6 +1,8 @@
 #include "nas/launchers/fragment_renamer.h"
 
+#include <fcntl.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -32,6 +34,62 @@ bool SplitFragmentName(const std::string& name, std::string* stem, long long* ti
   *stem = name.substr(0, equals + 1);
   *time = strtoll(digits.c_str(), nullptr, 10);
   return true;
+}
+
+// The Smooth Streaming track fragment extended header (tfxd): a uuid box
+// whose payload carries the fragment's absolute time, the time clients take
+// it for.
+constexpr unsigned char kTfxdUuid[16] = {0x6d, 0x1d, 0x9b, 0x05, 0x42, 0xd5, 0x44, 0xe6,
+                                         0x80, 0xe2, 0x14, 0x1d, 0xaf, 0xf7, 0x57, 0xb2};
+
+unsigned long long BigEndian(const unsigned char* bytes, int size) {
+  unsigned long long value = 0;
+  for (int i = 0; i < size; ++i) value = value << 8 | bytes[i];
+  return value;
+}
+
+// The file offset of the tfxd's time among the boxes in [begin, end),
+// descending into moof and traf; its width (8 for version 1, else 4) in
+// `width`. -1 when there is none.
+off_t FindTfxdTime(int fd, off_t begin, off_t end, int* width) {
+  while (begin + 8 <= end) {
+    unsigned char head[8 + 16 + 1];
+    const ssize_t got = pread(fd, head, sizeof(head), begin);
+    if (got < 8) return -1;
+    const off_t size = static_cast<off_t>(BigEndian(head, 4));
+    if (size < 8 || begin + size > end) return -1;
+    if (memcmp(head + 4, "moof", 4) == 0 || memcmp(head + 4, "traf", 4) == 0) {
+      const off_t found = FindTfxdTime(fd, begin + 8, begin + size, width);
+      if (found >= 0) return found;
+    } else if (memcmp(head + 4, "uuid", 4) == 0 && got == sizeof(head) &&
+               memcmp(head + 8, kTfxdUuid, sizeof(kTfxdUuid)) == 0) {
+      *width = head[24] == 1 ? 8 : 4;
+      // After the uuid, the version and the flags.
+      return begin + 8 + 16 + 4;
+    }
+    begin += size;
+  }
+  return -1;
+}
+
+// Writes `time` into the fragment's tfxd. The muxer's own time is its first
+// timestamp, off the announced one by the AAC priming or up to an audio
+// frame; a client that reads the fragment's time must find the one the
+// manifest gave it.
+bool StampTime(const fs::path& fragment, long long time) {
+  const int fd = open(fragment.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) return false;
+  const off_t end = lseek(fd, 0, SEEK_END);
+  int width = 0;
+  const off_t at = end > 0 ? FindTfxdTime(fd, 0, end, &width) : -1;
+  bool stamped = at >= 0 && (width == 8 || time <= 0xffffffffLL);
+  if (stamped) {
+    unsigned char bytes[8];
+    for (int i = 0; i < width; ++i) bytes[i] = static_cast<unsigned char>(time >> (8 * (width - 1 - i)));
+    stamped = pwrite(fd, bytes, width, at) == width;
+  }
+  close(fd);
+  return stamped;
 }
 
 struct Finished {
@@ -79,6 +137,9 @@ int FragmentRenamer::MoveFinished() {
       for (const Finished& fragment : fragments) {
         const long long time = layout_.firstTime + count * layout_.length;
         const fs::path name = target / (stem + std::to_string(time) + ")");
+        if (!StampTime(fragment.path, time)) {
+          fprintf(stderr, "ffmpeg-launcher: no time of its own in %s\n", fragment.path.c_str());
+        }
         if (rename(fragment.path.c_str(), name.c_str()) != 0) {
           fprintf(stderr, "ffmpeg-launcher: cannot move %s to %s: %s\n", fragment.path.c_str(),
                   name.c_str(), strerror(errno));

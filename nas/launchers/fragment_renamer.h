@@ -6,7 +6,8 @@
 // start), audio is off by up to a frame. The predicted manifest lists fixed
 // 5-second chunks, so clients ask for seek + k * 5 s exactly. The muxer cuts
 // all streams together, so the k-th fragment of each stream is chunk k: it is
-// renamed to that time, keeping its QualityLevels(bitrate) directory.
+// renamed to that time, keeping its QualityLevels(bitrate) directory, and
+// the time it carries in its tfxd box becomes that time too.
 #pragma once
 
 #include <map>

@@ -1,25 +1,65 @@
 #include "tests/support/log_capture.h"
 
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
 #include "platform/log.h"
+#include "platform/machine_root.h"
 
 namespace orvotest {
 
-LogCapture::LogCapture() {
-  librh::log::SetSinkForTesting(
-      [this](int priority, const std::string& text) { lines_.push_back({priority, text}); });
+LogCapture::LogCapture(Source source) : source_(source) {
+  if (source_ == kThisProcess) {
+    librh::log::SetSinkForTesting(
+        [this](int priority, const std::string& text) { lines_.push_back({priority, text}); });
+    return;
+  }
+  file_ = librh::machine::Resolve(librh::log::kLogFile);
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(file_).parent_path(), ignored);
+  std::ofstream(file_, std::ios::app).flush();
+  // The monitors and transcoders of a test may run as another user.
+  chmod(file_.c_str(), 0666);
+  struct stat info;
+  if (stat(file_.c_str(), &info) == 0) start_ = info.st_size;
 }
 
-LogCapture::~LogCapture() { librh::log::SetSinkForTesting({}); }
+LogCapture::~LogCapture() {
+  if (source_ == kThisProcess) librh::log::SetSinkForTesting({});
+}
+
+const std::vector<LoggedLine>& LogCapture::Lines() const {
+  if (source_ == kThisProcess) return lines_;
+  lines_.clear();
+  std::ifstream in(file_);
+  in.seekg(start_);
+  // "<time> <pid> <priority> <tag>:<line> <message>"
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    std::string time;
+    std::string pid;
+    std::string priority;
+    fields >> time >> pid >> priority;
+    std::string text;
+    std::getline(fields >> std::ws, text);
+    lines_.push_back({librh::log::PriorityFromName(priority), text});
+  }
+  return lines_;
+}
 
 bool LogCapture::Has(int priority, const std::string& text) const {
-  for (const LoggedLine& line : lines_) {
+  for (const LoggedLine& line : Lines()) {
     if (line.priority == priority && line.text == text) return true;
   }
   return false;
 }
 
 bool LogCapture::Contains(const std::string& fragment) const {
-  for (const LoggedLine& line : lines_) {
+  for (const LoggedLine& line : Lines()) {
     if (line.text.find(fragment) != std::string::npos) return true;
   }
   return false;
@@ -27,7 +67,7 @@ bool LogCapture::Contains(const std::string& fragment) const {
 
 std::string LogCapture::Dump() const {
   std::string all;
-  for (const LoggedLine& line : lines_) {
+  for (const LoggedLine& line : Lines()) {
     all += std::to_string(line.priority) + " " + line.text + "\n";
   }
   return all;

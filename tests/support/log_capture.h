@@ -1,5 +1,10 @@
-// Collects the lines the library logs while it lives, instead of syslog.
+// Collects the lines the library logs: those of this process while the
+// capture lives, instead of syslog; or, from the library's log file under
+// the current machine root, those of every process (monitors, transcoders,
+// requests in children) from the capture's start on.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -13,12 +18,18 @@ struct LoggedLine {
 
 class LogCapture {
  public:
-  LogCapture();
+  enum Source {
+    kThisProcess,
+    // Creates the file when missing, which turns it on whatever syslog does.
+    kLogFile,
+  };
+  explicit LogCapture(Source source = kThisProcess);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  const std::vector<LoggedLine>& Lines() const { return lines_; }
+  // From the file: what has been appended so far.
+  const std::vector<LoggedLine>& Lines() const;
   // Whether some line logged at `priority` equals `text`.
   bool Has(int priority, const std::string& text) const;
   // Whether some line contains `fragment`.
@@ -26,7 +37,10 @@ class LogCapture {
   std::string Dump() const;
 
  private:
-  std::vector<LoggedLine> lines_;
+  Source source_;
+  std::string file_;
+  off_t start_ = 0;
+  mutable std::vector<LoggedLine> lines_;
 };
 
 }  // namespace orvotest

@@ -143,6 +143,15 @@ constexpr Entry kEntries[] = {
     {Media::kOddSizeMkv, "odd_1918x1080.mkv", CLIP("testsrc=size=1918x1080:rate=25", "4")
      "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac -ac 8"},
     {Media::kBesideSrt, "h264_high10_eac3.srt", "-i @subtitles.srt"},
+    // A flat grey per second: any decoded frame tells its second, whatever
+    // it was scaled, turned or padded to.
+    {Media::kGreyClockMp4, "grey_clock.mp4",
+     "-f lavfi -i color=c=gray:size=320x180:rate=30:duration=60,"
+     "geq=lum='64+12*mod(floor(T)\\,12)':cb=128:cr=128 "
+     "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=60 "
+     "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 30 -c:a aac -b:a 32k -ac 2"},
+    {Media::kRotatedClockMp4, "rotated_clock.mp4",
+     "-i @grey_clock.mp4 -c copy -map 0 -metadata:s:v:0 rotate=270"},
 };
 #undef CLIP
 

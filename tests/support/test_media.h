@@ -43,6 +43,10 @@ enum class Media {
   kAnamorphicDtsMkv,   // H.264 720x576 with sample aspect 16:15 + DTS 5.1, 6 s
   kOddSizeMkv,         // H.264 1918x1080 + AAC 7.1, 4 s
   kBesideSrt,          // SubRip subtitles beside kH264High10Eac3Mkv
+  kGreyClockMp4,     // H.264 320x180 at 30 fps whose whole picture is one grey per second
+                     // (luma 64 + 12 * (second mod 12)), + AAC stereo 48 kHz, 60 s
+  kRotatedClockMp4,  // kGreyClockMp4 re-muxed with rotate=270 (probes as 90): a phone
+                     // clip shown upright at 180x320
 };
 
 // Every kind, in declaration order.
