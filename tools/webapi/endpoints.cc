@@ -2,10 +2,13 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+
 #include <json/json.h>
 
 #include <memory>
 
+#include "metadata/vtemetadata.h"
 #include "tools/webapi/media_folder.h"
 #include "tools/webapi/progressive_relay.h"
 #include "tools/webapi/response.h"
@@ -22,6 +25,15 @@ using LibOrvoVTE::VTEStream;
 constexpr char kDefaultDevice[] = "browser";
 constexpr size_t kBrokenSegmentBytes = 188 * 16;
 
+// A seek or a restart the library refused: its code reaches the client and
+// the log.
+int FailStart(const char* type, const VTEStream& stream) {
+  const std::string code = stream.GetErrorString();
+  fprintf(stderr, "webapi: %s stream %s: transcoding refused: %s\n", type,
+          stream.GetStreamID().c_str(), code.empty() ? "(no code)" : code.c_str());
+  return FailOpen(code.empty() ? "transcoding_failed" : code);
+}
+
 int StreamHls(const std::string& id, const Query& query) {
   LibOrvoVTE::HttpLiveStream stream(id);
   if (!SessionExists(stream)) return Fail(404, "stream_not_found");
@@ -34,7 +46,7 @@ int StreamHls(const std::string& id, const Query& query) {
     return SendFile(playlist, "application/vnd.apple.mpegurl");
   }
   if (Key(query, "hls_header") == "1") stream.EnableHLSHeader();
-  if (!stream.Transcoding(fragment)) return Fail(500, "transcoding_failed");
+  if (!stream.Transcoding(fragment)) return FailStart("HLS", stream);
   const std::string segment = stream.ReadFragment(fragment);
   if (segment.empty()) return Fail(504, "fragment_not_ready");
   return SendFile(segment, "video/mp2t",
@@ -47,7 +59,7 @@ int StreamSmooth(const std::string& id, const Query& query) {
   TouchAccess(stream);
   const std::string fragment = Key(query, "fragment_id");
   if (fragment.empty()) return SendFile(stream.GetMainfest(), "text/xml");
-  if (!stream.Transcoding(fragment)) return Fail(500, "transcoding_failed");
+  if (!stream.Transcoding(fragment)) return FailStart("SS", stream);
   const std::string file = stream.ReadFragment(fragment);
   if (file.empty()) return Fail(504, "fragment_not_ready");
   return SendFile(file, "video/mp4");
@@ -74,8 +86,13 @@ int OpenStream(const Query& query) {
       Key(query, "profile").empty() ? DefaultProfile(type) : Key(query, "profile");
   const std::string device = Key(query, "device").empty() ? kDefaultDevice : Key(query, "device");
 
+  // An id of the web API's own that nobody can guess from the file or the
+  // time.
+  Json::Value session;
+  session["stream_id"] = RandomStreamId();
+  if (session["stream_id"].asString().empty()) return Fail(500, "no_random_source");
   const std::string id =
-      VTEStream::VTE_Init(path, type, Json::Value(), ProfileFile(type), profile, device, 0);
+      VTEStream::VTE_Init(path, type, session, ProfileFile(type), profile, device, 0);
   if (id.empty()) return Fail(422, "open_failed");
   if (id == LibOrvoVTE::kTransSpaceNotEnough) return Fail(507, id);
 
@@ -112,6 +129,12 @@ int OpenStream(const Query& query) {
     if (!CheckAnchor(type, id, audio, &code)) return FailOpen(code);
     body["url"] = std::string(kStreamPath) + "?format=" + format + "&id=" + id +
                   (audio.empty() ? "" : "&audio=" + audio);
+    // A player seeks a progressive stream itself: it needs the length of the
+    // whole and, for a byte range, the rate the library turns bytes into
+    // seconds by.
+    LibOrvoVTE::VTEMetaData source(id, type);
+    if (source.LoadMetaData()) body["duration"] = source.GetDuration();
+    if (type == "HTTP") body["bytes_per_second"] = LibOrvoVTE::HttpStream(id).GetTransBitRate() / 8;
   }
   return AnswerJson(body);
 }

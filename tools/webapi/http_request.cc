@@ -1,7 +1,11 @@
 #include "tools/webapi/http_request.h"
 
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdlib>
+#include <map>
+#include <vector>
 
 #include <json/json.h>
 
@@ -18,7 +22,29 @@ bool ParseCount(const std::string& text, long long* value) {
   return true;
 }
 
+std::map<std::string, std::string>& Headers() {
+  static std::map<std::string, std::string> headers;
+  return headers;
+}
+
 }  // namespace
+
+void TakeRequestHeaders() {
+  std::vector<std::string> names;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string variable = *entry;
+    const size_t equals = variable.find('=');
+    if (variable.compare(0, 5, "HTTP_") != 0 || equals == std::string::npos) continue;
+    names.push_back(variable.substr(0, equals));
+    Headers()[names.back()] = variable.substr(equals + 1);
+  }
+  for (const std::string& name : names) unsetenv(name.c_str());
+}
+
+std::string RequestHeader(const std::string& name) {
+  const auto found = Headers().find(name);
+  return found == Headers().end() ? std::string() : found->second;
+}
 
 std::string Env(const char* name) {
   const char* value = getenv(name);

@@ -10,6 +10,14 @@ namespace webapi {
 // The web server's environment variable `name`, "" when unset.
 std::string Env(const char* name);
 
+// Moves the client's request headers (the HTTP_* variables) out of the
+// environment, so that nothing this request starts (a transcoder above all)
+// inherits them; RequestHeader reads them afterwards.
+void TakeRequestHeaders();
+// The request header whose CGI variable is `name` ("HTTP_RANGE"), "" when
+// the client sent none.
+std::string RequestHeader(const std::string& name);
+
 using Query = std::map<std::string, std::string>;
 // The value of `name` in `query`, "" when absent.
 std::string Key(const Query& query, const char* name);

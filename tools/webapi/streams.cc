@@ -1,9 +1,11 @@
 #include "tools/webapi/streams.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <map>
 
 #include "tools/webapi/http_request.h"
@@ -40,6 +42,24 @@ std::unique_ptr<LibOrvoVTE::DirectStream> Progressive(const std::string& type,
   return std::make_unique<LibOrvoVTE::WebMStream>(id);
 }
 
+std::string RandomStreamId() {
+  unsigned char bytes[16];
+  size_t got = 0;
+  while (got < sizeof(bytes)) {
+    const ssize_t n = getrandom(bytes + got, sizeof(bytes) - got, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return "";
+    got += static_cast<size_t>(n);
+  }
+  static const char kDigits[] = "0123456789abcdef";
+  std::string id;
+  for (unsigned char byte : bytes) {
+    id += kDigits[byte >> 4];
+    id += kDigits[byte & 15];
+  }
+  return id;
+}
+
 bool SessionExists(const LibOrvoVTE::VTEStream& stream) {
   struct stat info;
   return !stream.GetStreamID().empty() && stat(stream.GetVTEFileFullPath("").c_str(), &info) == 0 &&
@@ -56,10 +76,15 @@ void TouchAccess(const LibOrvoVTE::VTEStream& stream) {
 }
 
 int FailOpen(const std::string& code) {
-  if (code == "TransEnable" || code == "TransEnableOfflineConverting") return Fail(503, code);
+  if (code == LibOrvoVTE::kErrTransEnable || code == LibOrvoVTE::kErrOfflineConverting) {
+    return Fail(503, code);
+  }
   if (code == LibOrvoVTE::kTransSpaceNotEnough) return Fail(507, code);
-  if (code.empty()) return Fail(500, "init_failed");
-  return Fail(415, code);
+  if (code == kTranscoderExited) return Fail(502, code);
+  if (code == kTranscoderSilent) return Fail(504, code);
+  // The library's refusals of the file on this machine all begin so.
+  if (code.compare(0, 5, "Trans") == 0) return Fail(415, code);
+  return Fail(500, code.empty() ? "init_failed" : code);
 }
 
 }  // namespace webapi

@@ -25,6 +25,9 @@ std::string DefaultProfile(const std::string& type);
 std::unique_ptr<LibOrvoVTE::DirectStream> Progressive(const std::string& type,
                                                       const std::string& id);
 
+// 32 hex digits from the kernel's random source; "" when it gives none.
+std::string RandomStreamId();
+
 // Whether the session of `stream` exists.
 bool SessionExists(const LibOrvoVTE::VTEStream& stream);
 
@@ -32,8 +35,13 @@ bool SessionExists(const LibOrvoVTE::VTEStream& stream);
 // no request has touched for a while.
 void TouchAccess(const LibOrvoVTE::VTEStream& stream);
 
-// Answers a stream that could not be opened, with the library's error code
-// ("" when it gave none).
+// The web API's own codes for a transcoder that ended, or stayed silent,
+// before its first bytes.
+inline constexpr char kTranscoderExited[] = "transcoder_exited";
+inline constexpr char kTranscoderSilent[] = "transcoder_silent";
+
+// Answers a stream that could not be opened or started, with the library's
+// or the web API's error code ("" when there was none).
 int FailOpen(const std::string& code);
 
 }  // namespace webapi

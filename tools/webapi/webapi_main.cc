@@ -18,6 +18,13 @@
 // (where the request's and its transcoders' output goes) and
 // WEBAPI_BREAK_SEGMENTS=1, a debug switch that serves every HLS segment cut
 // short, so that a player test can be shown to fail.
+//
+// Installed set-user-ID root under an unprivileged web server (as on the
+// NAS), the program keeps root only as its saved uid and gid: it runs as
+// the server's user and the library raises where it must (the probe, the
+// transcoder, the subtitle search).
+#include <unistd.h>
+
 #include <string>
 
 #include "tools/webapi/endpoints.h"
@@ -26,8 +33,20 @@
 #include "tools/webapi/subtitle_proxy.h"
 #include "toolkit/query.h"
 
+namespace {
+
+// False when root could not be set aside.
+bool KeepRootSaved() {
+  if (geteuid() != 0 || getuid() == 0) return true;
+  return setresgid(-1, getgid(), 0) == 0 && setresuid(-1, getuid(), 0) == 0;
+}
+
+}  // namespace
+
 int main() {
   using namespace webapi;
+  if (!KeepRootSaved()) return 1;
+  TakeRequestHeaders();
   if (!TakeResponse(Env("WEBAPI_LOG"))) return 1;
   const std::string script = Env("SCRIPT_NAME");
   const std::string endpoint = script.substr(script.rfind('/') + 1);

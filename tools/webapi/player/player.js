@@ -42,15 +42,57 @@
       show(`Cannot open ${file}: ${body.error}`, true);
       return { error: body.error, status: answer.status };
     }
-    current = { kind, format, id: body.id, player: null };
+    current = { kind, format, id: body.id, url: body.url, player: null };
     show(`Playing ${file} as ${kind}`, false);
-    attach(kind, body.url);
+    attach(kind, body);
     return body;
   }
 
   function fatal(text) { show(`Playback failed: ${text}`, true); }
 
-  function attach(kind, url) {
+  // A video element or mpegts.js sees a failed progressive run only as a
+  // network or format error; the web API keeps the run's own code.
+  async function progressiveFailure(fallback) {
+    const stream = current;
+    if (!stream) return;
+    let reason = fallback;
+    try {
+      const answer = await (await fetch(`/api/stream?format=${stream.format}&id=${stream.id}&last_error=1`)).json();
+      if (answer.error) reason = answer.error;
+    } catch (e) { /* the fallback stands */ }
+    if (current === stream) fatal(reason);
+  }
+
+  // mpegts.js seeks only where it has a keyframe index (FLV); for MPEG-TS
+  // its seek beyond what it has loaded does nothing. Its transmuxer is told
+  // instead to load the stream again from the byte the web API turns into
+  // that second (bytes over the library's rate, on a packet boundary), with
+  // the timeline kept: the run there carries the source's timestamps.
+  function seekByRange(player, bytesPerSecond) {
+    const engine = player._player_engine;
+    const controller = engine && engine._transmuxer && engine._transmuxer._controller;
+    if (!controller || controller.seekByRange) return;
+    controller.seekByRange = true;
+    controller.seek = (milliseconds) => {
+      const packets = Math.ceil(milliseconds / 1000 * bytesPerSecond / 188);
+      controller._internalAbort();
+      controller._remuxer.seek();
+      controller._remuxer.insertDiscontinuity();
+      controller._loadSegment(0, packets * 188);
+    };
+  }
+
+  // The MediaSource mpegts.js makes only grows with what is loaded; a seek
+  // needs the whole length.
+  function announceDuration(player, seconds) {
+    const engine = player._player_engine;
+    const source = engine && engine._mse_controller && engine._mse_controller._mediaSource;
+    if (!source || source.readyState !== 'open' || !(seconds > 0)) return false;
+    if (source.duration >= seconds) return true;
+    try { source.duration = seconds; return true; } catch (e) { return false; }
+  }
+
+  function attach(kind, { url, duration, bytes_per_second: bytesPerSecond }) {
     if (kind === 'hls') {
       // hls.js is chosen explicitly: Chromium also says it can play HLS, and
       // a page preferring that would never run hls.js.
@@ -71,16 +113,37 @@
       current.player = player;
     } else if (kind === 'http') {
       // Chromium does not play MPEG-TS in a plain video element.
-      const player = mpegts.createPlayer({ type: 'mpegts', url, isLive: false });
-      player.on(mpegts.Events.ERROR, (type, detail) => fatal(`${type} ${detail}`));
+      const player = mpegts.createPlayer({ type: 'mpegts', url, isLive: false },
+        { seekType: 'range', enableWorker: false });
+      player.on(mpegts.Events.ERROR, (type, detail) => progressiveFailure(`${type} ${detail}`));
+      player.on(mpegts.Events.MEDIA_INFO, () => {
+        seekByRange(player, bytesPerSecond);
+        const until = Date.now() + 10000;
+        const retry = () => { if (!announceDuration(player, duration) && Date.now() < until) setTimeout(retry, 200); };
+        retry();
+      });
       player.attachMediaElement(video);
       player.load();
       current.player = player;
     } else {
       video.src = url;  // WebM and the browser's own HLS
     }
-    video.onerror = () => fatal(`media error ${video.error && video.error.code}`);
+    video.onerror = () => {
+      const code = `media error ${video.error && video.error.code}`;
+      if (kind === 'webm') progressiveFailure(code); else fatal(code);
+    };
     video.play().catch(() => { /* autoplay may wait for the user */ });
+  }
+
+  // A WebM stream is made as it is sent, without an index to seek in: a
+  // seek is a new run from that second, whose timestamps start there.
+  function seek(seconds) {
+    if (current && current.kind === 'webm') {
+      video.src = `${current.url}&start=${Math.floor(seconds)}`;
+      video.play().catch(() => { /* autoplay may wait for the user */ });
+    } else {
+      video.currentTime = seconds;
+    }
   }
 
   // The second the picture shows, read from the sample's binary strip (eight
@@ -125,5 +188,5 @@
   document.getElementById('stop').onclick = () => close().then(() => show('Stopped', false));
   window.addEventListener('pagehide', () => { if (current) navigator.sendBeacon(`/api/close?format=${current.format}&id=${current.id}`); });
 
-  window.orvo = { open, close, pictureSecond, subtitleCues, listFiles, video, ready: listFiles() };
+  window.orvo = { open, close, seek, pictureSecond, subtitleCues, listFiles, video, ready: listFiles() };
 })();
