@@ -39,7 +39,7 @@ TEST_F(EffectiveIdsTest, EveryPublicCallHandsTheCallersIdsBack) {
 
   const std::string result = orvotest::TextFromChild(
       [&] {
-        if (setresgid(-1, gid, 0) != 0 || setresuid(-1, uid, 0) != 0) return std::string("setres");
+        if (!orvotest::BecomeWebServerUser()) return std::string("setres");
         std::string wrong;
         const auto check = [&](const std::string& call, const std::function<void()>& body) {
           body();

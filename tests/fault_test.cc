@@ -4,7 +4,6 @@
 // running once the stream is closed, the registry valid and holding only
 // live pids, and a later stream plays.
 #include <fcntl.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -97,14 +96,10 @@ TEST_F(FaultTest, MonitorKilled) {
   // The request runs as the web server's user, with root saved for the
   // library's own scopes: the transcoder's raise to root must not cost it
   // its tie to the monitor.
-  const struct passwd* nobody = getpwnam("nobody");
-  ASSERT_NE(nobody, nullptr);
   fs::permissions(Root().Path(), fs::perms::all);
   ASSERT_EQ(Open("s", "paced"), "ok");
   const std::string first = FinishRequest(StartRequest([&] {
-    if (setresgid(-1, nobody->pw_gid, 0) != 0 || setresuid(-1, nobody->pw_uid, 0) != 0) {
-      return std::string("<setres>");
-    }
+    if (!orvotest::BecomeWebServerUser()) return std::string("<setres>");
     HttpLiveStream stream("s");
     return stream.Transcoding("0") ? stream.ReadFragment("0") : std::string();
   }));

@@ -103,6 +103,10 @@ pid_t StartProgram(const std::vector<std::string>& argv, const Wiring& wiring, s
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       if (getppid() != parent) _exit(kExecFailed);  // the parent died before prctl took hold
     }
+    if (wiring.rootIfHeld && seteuid(0) == 0 &&
+        (setresgid(0, 0, 0) != 0 || setresuid(0, 0, 0) != 0)) {
+      _exit(kExecFailed);
+    }
     for (int number = 1; number < NSIG; ++number) {
       struct sigaction now;
       if (sigaction(number, nullptr, &now) == 0 && now.sa_handler != SIG_DFL &&

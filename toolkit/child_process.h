@@ -25,6 +25,11 @@ struct Wiring {
   std::vector<int> kept;
   // The program is killed when this process dies, even by SIGKILL.
   bool dieWithParent = false;
+  // The program runs as root through and through when root is one of this
+  // process's ids (a saved root included), as it is otherwise: a program
+  // started with its real and effective users apart runs in the kernel's
+  // secure mode, and some libraries give up root at load time there.
+  bool rootIfHeld = false;
 };
 
 // Starts `argv` (argv[0] is looked up in PATH unless it holds a "/") with

@@ -15,6 +15,7 @@
 #include "platform/fixed_waits.h"
 #include "platform/log.h"
 #include "platform/machine_root.h"
+#include "platform/run_as.h"
 #include "vte/session_tree.h"
 #include "vte/utils/recorded_process.h"
 #include "vte/utils/trans_loading.h"
@@ -70,9 +71,17 @@ void EndRecordedTranscoder(const std::string& pidFile, int graceMs) {
   // neither signalled nor unregistered.
   const RecordedProcess transcoder(pidFile);
   if (!transcoder.IsRecorded()) return;
-  transcoder.Signal(SIGTERM);
+  // The transcoder runs as root: a caller that keeps root saved raises to
+  // signal it.
+  uid_t real = 0, effective = 0, saved = 0;
+  const bool raise = getresuid(&real, &effective, &saved) == 0 && effective != 0 && saved == 0;
+  const auto signal = [&](int number) {
+    return raise ? librh::DoActionAsRoot("Signal transcoder", [&] { return transcoder.Signal(number); })
+                 : transcoder.Signal(number);
+  };
+  signal(SIGTERM);
   if (graceMs > 0 && !transcoder.WaitForEnd(graceMs)) {
-    transcoder.Signal(SIGKILL);
+    signal(SIGKILL);
     transcoder.WaitForEnd(kKilledWaitMs);
   }
   LibReelhall::TransLoading registry;

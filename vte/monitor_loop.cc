@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -65,10 +66,26 @@ void StopChild(const Children& children, pid_t* pid, bool registered) {
   *pid = 0;
 }
 
+// Transcoders run as root through and through, and the kernel lets one
+// process signal another (its death signal to its children included) only
+// when one of its user ids is the other's real or saved one. A monitor of
+// an unprivileged request with root saved therefore takes root as its real
+// id, and its effective id as its saved one, so that the request's user can
+// still signal the monitor.
+void ShareRootWithChildren() {
+  uid_t real = 0;
+  uid_t effective = 0;
+  uid_t saved = 0;
+  if (getresuid(&real, &effective, &saved) == 0 && saved == 0 && real != 0 && effective != 0) {
+    setresuid(0, static_cast<uid_t>(-1), effective);
+  }
+}
+
 }  // namespace
 
 void Supervise(const Children& children, const volatile sig_atomic_t& signalled,
                const std::function<bool()>& shouldStop) {
+  ShareRootWithChildren();
   // The signals that end a poll's sleep stay blocked except in that sleep
   // and in the kind's own checks, so none is lost between a look and the
   // sleep after it.

@@ -83,16 +83,21 @@ void LimitInheritance(std::vector<int> passed) {
 // other process.
 pid_t gMonitor = 0;
 
-// The kernel forgets the death signal whenever the effective ids change,
-// and at an exec whose real and effective users differ. A child raised to
-// root for its exec therefore becomes root through and through, and arms
-// the signal last.
 void ArmDeathWithMonitor() {
   if (gMonitor <= 0) return;
-  if (geteuid() == 0 && (setresgid(0, 0, 0) != 0 || setresuid(0, 0, 0) != 0)) _exit(1);
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   // The monitor may have died before the signal was armed.
   if (getppid() != gMonitor) _exit(1);
+}
+
+// A child raised to root for its exec becomes root through and through:
+// the kernel forgets the death signal at an exec whose real and effective
+// users differ, and libraries the transcoder loads (libgcrypt, through
+// FFmpeg's network protocols) give up every root id of such a process at
+// load time. The death signal is armed last.
+void BecomeRootForExec() {
+  if (geteuid() == 0 && (setresgid(0, 0, 0) != 0 || setresuid(0, 0, 0) != 0)) _exit(1);
+  ArmDeathWithMonitor();
 }
 
 // The session's "filelock", opened and locked with `operation` (LOCK_EX,
@@ -146,7 +151,7 @@ bool ExecAsRoot(const std::string& action, const std::vector<std::string>& argv,
   pointers.push_back(nullptr);
   LimitInheritance(passed);
   return librh::DoActionAsRoot(action, [&pointers] {
-    ArmDeathWithMonitor();
+    BecomeRootForExec();
     execvp(pointers[0], pointers.data());
     return false;
   });

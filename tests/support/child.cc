@@ -23,14 +23,22 @@ void SendOutputTo(const std::string& log) {
   close(fd);
 }
 
-bool DropToUnprivilegedUser() {
+namespace {
+
+bool BecomeNobody(bool keepRootSaved) {
   const struct passwd* nobody = getpwnam("nobody");
   uid_t uid = nobody ? nobody->pw_uid : 65534;
   gid_t gid = nobody ? nobody->pw_gid : 65534;
   if (setgroups(0, nullptr) != 0) return false;
-  if (setresgid(gid, gid, gid) != 0) return false;
-  if (setresuid(uid, uid, uid) != 0) return false;
+  if (setresgid(gid, gid, keepRootSaved ? 0 : gid) != 0) return false;
+  if (setresuid(uid, uid, keepRootSaved ? 0 : uid) != 0) return false;
   return geteuid() == uid && getuid() == uid;
 }
+
+}  // namespace
+
+bool DropToUnprivilegedUser() { return BecomeNobody(false); }
+
+bool BecomeWebServerUser() { return BecomeNobody(true); }
 
 }  // namespace orvotest

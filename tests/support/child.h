@@ -56,4 +56,9 @@ void SendOutputTo(const std::string& log);
 // for good (real, effective and saved). False when that is impossible.
 bool DropToUnprivilegedUser();
 
+// Makes the calling process "nobody" as a web server's request is on the
+// NAS: real and effective ids nobody's, root kept as the saved ids for the
+// library to raise to. False when that is impossible.
+bool BecomeWebServerUser();
+
 }  // namespace orvotest

@@ -64,6 +64,14 @@ void PlaybackTest::SetUp() {
   requestLog_ = root_->Path() + "/requests.log";
 }
 
+void PlaybackTest::ServeAsWebServerUser() {
+  if (geteuid() != 0) return;
+  asWebServerUser_ = true;
+  for (const char* path : {"", librh::machine::kTempRoot, "/run", "/volume1"}) {
+    chmod(root_->At(path).c_str(), 01777);
+  }
+}
+
 void PlaybackTest::TearDown() {
   for (int round = 0; round < 3; ++round) {
     for (pid_t pid : ChildrenOf(getpid())) kill(pid, SIGKILL);
@@ -81,10 +89,12 @@ PlaybackTest::Request PlaybackTest::StartRequest(const std::function<std::string
   request.answer = std::make_shared<toolkit::AnswerFile>(root_->Path());
   const toolkit::AnswerFile& answer = *request.answer;
   const std::string log = requestLog_;
+  const bool asWebServerUser = asWebServerUser_;
   request.pid = StartChild([&] {
     // The transcoders inherit the request's output: their chatter goes to
     // the request log rather than into the test's output.
     SendOutputTo(log);
+    if (asWebServerUser && !BecomeWebServerUser()) return 1;
     return answer.Write(body()) ? 0 : 1;
   });
   return request;
@@ -130,8 +140,10 @@ std::string PlaybackTest::Segment(const std::string& id, int fragment, int timeo
 
 pid_t PlaybackTest::StartSegment(const std::string& id, int fragment) {
   const std::string log = requestLog_;
-  return StartChild([id, fragment, log] {
+  const bool asWebServerUser = asWebServerUser_;
+  return StartChild([id, fragment, log, asWebServerUser] {
     SendOutputTo(log);
+    if (asWebServerUser && !BecomeWebServerUser()) return 1;
     LibOrvoVTE::HttpLiveStream stream(id);
     const std::string number = std::to_string(fragment);
     return stream.Transcoding(number) && !stream.ReadFragment(number).empty() ? 0 : 1;
@@ -139,7 +151,10 @@ pid_t PlaybackTest::StartSegment(const std::string& id, int fragment) {
 }
 
 bool PlaybackTest::Close(const std::string& id) {
-  return RunInChild([&] { return LibOrvoVTE::HttpLiveStream(id).Close() ? 0 : 1; }) == 0;
+  return RunInChild([&] {
+           if (asWebServerUser_ && !BecomeWebServerUser()) return 1;
+           return LibOrvoVTE::HttpLiveStream(id).Close() ? 0 : 1;
+         }) == 0;
 }
 
 std::string PlaybackTest::File(const std::string& id, const std::string& name) const {

@@ -25,6 +25,10 @@ class PlaybackTest : public ::testing::Test {
   // request log when the case failed.
   void TearDown() override;
   MachineRoot& Root() { return *root_; }
+  // From here on, when this process is root, requests (and the segment
+  // readers a test starts) run as the web server's user with root saved,
+  // as on the NAS; the places where the library makes sessions let them.
+  void ServeAsWebServerUser();
 
   // Profiles: "paced" (transcode, paced at ten times real time, so a run
   // is still going while the test acts on it), "slow" (the same at real
@@ -72,6 +76,7 @@ class PlaybackTest : public ::testing::Test {
   std::unique_ptr<MachineRoot> root_;
   std::string profiles_;
   std::string requestLog_;
+  bool asWebServerUser_ = false;
 };
 
 // The live processes whose parent is `parent`.

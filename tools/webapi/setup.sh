@@ -9,6 +9,10 @@
 #       build, writes the web server's configuration there and runs lighttpd
 #       (not as a daemon) until it is signalled. --break-segments serves every
 #       HLS segment cut short, to prove that the player tests notice.
+#       Started as root it runs as the NAS does: lighttpd as "nobody", its
+#       requests as "nobody" with root saved (a set-user-ID copy of the CGI
+#       program), so the library raises only where it must. The library's
+#       log lines land in STATE/root/var/log/liborvovte.log as well.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 
@@ -18,7 +22,7 @@ if [[ ${1:-} == packages ]]; then
   exit 0
 fi
 
-[[ ${1:-} == serve ]] || { sed -n '2,12p' "$0" >&2; exit 2; }
+[[ ${1:-} == serve ]] || { sed -n '2,16p' "$0" >&2; exit 2; }
 shift
 build= media= port= state= break_segments=0
 while (($#)); do
@@ -48,10 +52,35 @@ done > "$root/proc/cpuinfo"
 ln -sfn "$build/nas/launchers/ffmpeg-launcher" "$root/var/packages/Reelhall/target/bin/ffmpeg"
 ln -sfn "$build/nas/launchers/gst-launcher" "$root/var/packages/Reelhall/target/bin/gst-launch-1.0"
 
+# The library appends its lines to this file once it exists; root's
+# monitors and the requests' user both write it.
+mkdir -p "$root/var/log"
+touch "$root/var/log/liborvovte.log" "$state/requests.log"
+chmod 0666 "$root/var/log/liborvovte.log" "$state/requests.log"
+
 # Every endpoint is the one CGI program under its own name.
 mkdir -p "$state/api"
+cgi=$build/tools/webapi/webapi-cgi
+user_lines=
+if ((EUID == 0)); then
+  # A set-user-ID root gate, run by an unprivileged server: the request
+  # runs as "nobody" with root saved, as on the NAS.
+  cp "$build/tools/webapi/webapi-request-gate" "$state/api/request-gate"
+  # Only the server's group may run it.
+  chown root:nogroup "$state/api/request-gate"
+  chmod 4750 "$state/api/request-gate"
+  cgi=$state/api/request-gate
+  user_lines='server.username = "nobody"
+server.groupname = "nogroup"'
+  # Where the unprivileged requests make their sessions, and the way to the
+  # programs (a scratch folder is often private to its owner).
+  chmod 1777 "$root/tmp/Reelhall" "$root/volume1" "$root/run"
+  chmod o+x "$state" "$(dirname "$state")"
+  touch "$state/server.log"
+  chown nobody "$state/server.log"
+fi
 for endpoint in files open stream close subtitle; do
-  ln -sfn "$build/tools/webapi/webapi-cgi" "$state/api/$endpoint"
+  ln -sfn "$cgi" "$state/api/$endpoint"
 done
 
 cat > "$state/lighttpd.conf" <<CONF
@@ -61,6 +90,7 @@ server.bind = "127.0.0.1"
 server.port = $port
 server.errorlog = "$state/server.log"
 server.upload-dirs = ("$state")
+$user_lines
 # Segments are sent as they are produced; a request may wait a minute for one.
 server.stream-response-body = 2
 server.max-write-idle = 360

@@ -23,6 +23,9 @@ int Subtitle(const Query& query) {
   std::string text;
   toolkit::Wiring wiring;
   wiring.in = toolkit::kInherit;
+  // The service searches beside the video as the NAS's own service would,
+  // with root (the video's folder may be closed to the web server's user).
+  wiring.rootIfHeld = true;
   const int status = toolkit::RunProgram(
       {program, "--media", name + "=" + path, "--request", Env("REQUEST_URI")}, kSubtitleTimeout,
       &text, wiring);

@@ -19,11 +19,14 @@
 // WEBAPI_BREAK_SEGMENTS=1, a debug switch that serves every HLS segment cut
 // short, so that a player test can be shown to fail.
 //
-// Installed set-user-ID root under an unprivileged web server (as on the
-// NAS), the program keeps root only as its saved uid and gid: it runs as
-// the server's user and the library raises where it must (the probe, the
-// transcoder, the subtitle search).
+// Behind the set-user-ID gate (request_gate_main.cc) of an unprivileged
+// web server, as on the NAS, the program goes back to the server's user with
+// root kept only as its saved uid and gid, so the library raises where it
+// must (the probe, the transcoder, the subtitle search).
+#include <grp.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 #include <string>
 
@@ -37,8 +40,13 @@ namespace {
 
 // False when root could not be set aside.
 bool KeepRootSaved() {
-  if (geteuid() != 0 || getuid() == 0) return true;
-  return setresgid(-1, getgid(), 0) == 0 && setresuid(-1, getuid(), 0) == 0;
+  const std::string user = webapi::Env("WEBAPI_REQUEST_USER");
+  if (user.empty() || geteuid() != 0) return true;
+  unsigned uid = 0;
+  unsigned gid = 0;
+  if (sscanf(user.c_str(), "%u:%u", &uid, &gid) != 2) return false;
+  unsetenv("WEBAPI_REQUEST_USER");
+  return setgroups(0, nullptr) == 0 && setresgid(gid, gid, 0) == 0 && setresuid(uid, uid, 0) == 0;
 }
 
 }  // namespace
