@@ -146,24 +146,32 @@
     }
   }
 
-  // The second the picture shows, read from the sample's binary strip (eight
-  // blocks across the top ninth, white = 1, least significant first); -1
-  // when no picture is there.
-  function pictureSecond() {
-    if (video.videoWidth === 0) return -1;
+  // What the frame on screen shows: the picture inside any bars (black
+  // columns at both sides), and the second its binary strip says (eight
+  // blocks across the top `strip` share of the picture, white = 1, least
+  // significant first); second is -1 when no picture is there.
+  function readPicture(strip = 40 / 360) {
+    const { videoWidth: width, videoHeight: height } = video;
+    if (width === 0) return { second: -1, left: 0, width: 0, height: 0 };
     const canvas = document.createElement('canvas');
-    canvas.width = video.videoWidth;
-    canvas.height = video.videoHeight;
+    canvas.width = width;
+    canvas.height = height;
     const context = canvas.getContext('2d', { willReadFrequently: true });
     context.drawImage(video, 0, 0);
+    const row = context.getImageData(0, Math.floor(height / 2), width, 1).data;
+    const dark = (x) => Math.max(row[4 * x], row[4 * x + 1], row[4 * x + 2]) <= 40;
+    let left = 0;
+    let right = width - 1;
+    while (left < right && dark(left)) ++left;
+    while (right > left && dark(right)) --right;
+    const box = right - left + 1;
     let second = 0;
     for (let bit = 0; bit < 8; ++bit) {
-      const x = Math.floor((bit * 80 + 40) / 640 * canvas.width);
-      const y = Math.floor(20 / 360 * canvas.height);
-      const [r, g, b] = context.getImageData(x, y, 1, 1).data;
+      const x = left + Math.floor((bit + 0.5) / 8 * box);
+      const [r, g, b] = context.getImageData(x, Math.floor(strip / 2 * height), 1, 1).data;
       if ((r + g + b) / 3 > 128) second |= 1 << bit;
     }
-    return second;
+    return { second, left, width: box, height };
   }
 
   function subtitleCues() {
@@ -188,5 +196,5 @@
   document.getElementById('stop').onclick = () => close().then(() => show('Stopped', false));
   window.addEventListener('pagehide', () => { if (current) navigator.sendBeacon(`/api/close?format=${current.format}&id=${current.id}`); });
 
-  window.orvo = { open, close, seek, pictureSecond, subtitleCues, listFiles, video, ready: listFiles() };
+  window.orvo = { open, close, seek, readPicture, subtitleCues, listFiles, video, ready: listFiles() };
 })();
