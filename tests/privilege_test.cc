@@ -31,16 +31,6 @@ int Refusals(const orvotest::LogCapture& log, const std::string& tag) {
   return count;
 }
 
-TEST(Privilege, RootSeesAndProbesFiles) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root";
-  const std::string clip = orvotest::TestMedia(orvotest::Media::kH264AacMp4);
-  ASSERT_FALSE(clip.empty());
-  EXPECT_TRUE(LibOrvoVTE::VerifyFileExist(clip, 0));
-  LibOrvoVTE::VideoMetaData meta;
-  EXPECT_TRUE(meta.LoadFile(clip));
-  EXPECT_EQ(clip, meta.GetFilePath());
-}
-
 TEST(Privilege, ProcessThatDroppedRootForGoodSeesNothing) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to drop it";
   // Generated before dropping: the cache may not be writable afterwards.
