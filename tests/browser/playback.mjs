@@ -194,6 +194,8 @@ let server;
 before(async () => {
   execFileSync(path.join(webapi, 'make-sample.sh'), [media], { stdio: 'inherit' });
   makeHdrSource();
+  // Media may belong to any user: the web API's user cannot read this one.
+  fs.chmodSync(path.join(media, 'phone.mp4'), 0o600);
   browser = await chromium.launch({
     executablePath: chromiumPath, headless: true,
     args: ['--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',

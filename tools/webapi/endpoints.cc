@@ -1,7 +1,5 @@
 #include "tools/webapi/endpoints.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 
 #include <json/json.h>
@@ -16,6 +14,7 @@
 #include "tools/webapi/subtitle_proxy.h"
 #include "vte/http_live_stream.h"
 #include "vte/smooth_stream.h"
+#include "vte/utils/vteutils.h"
 
 namespace webapi {
 namespace {
@@ -81,7 +80,9 @@ int OpenStream(const Query& query) {
   if (type.empty()) return Fail(400, "unknown_type");
   const std::string path = MediaPath(Key(query, "file"));
   if (path.empty()) return Fail(400, "bad_file_name");
-  if (access(path.c_str(), R_OK) != 0) return Fail(404, "file_not_found");
+  // Looked for as the library looks, with root rights: media may belong to
+  // any user, and the request runs as the web server's.
+  if (!LibOrvoVTE::VerifyFileExist(path, 0)) return Fail(404, "file_not_found");
   const std::string profile =
       Key(query, "profile").empty() ? DefaultProfile(type) : Key(query, "profile");
   const std::string device = Key(query, "device").empty() ? kDefaultDevice : Key(query, "device");
