@@ -133,7 +133,7 @@ TEST_F(FaultTest, MonitorKilled) {
   // The new run writes on to the end of the clip; what it leaves is whole.
   EXPECT_TRUE(orvotest::Ends(MonitorPid("s"), 30000));
   EXPECT_EQ(CutSegments("s"), "");
-  CloseAndRecord("s", "`kill -9` of the monitor",
+  CloseAndRecord("s", "`kill -9` of the monitor (its request ran as nobody, root saved)",
                  "its transcoder ends with it, leaving segment " + std::to_string(last) +
                      " cut short; the next request for it clears it and is served the whole "
                      "segment, a far one too");
