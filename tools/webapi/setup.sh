@@ -63,6 +63,11 @@ mkdir -p "$state/api"
 cgi=$build/tools/webapi/webapi-cgi
 user_lines=
 if ((EUID == 0)); then
+  # The server reads the page, its players and the media folder as "nobody".
+  for needed in "$here/player/index.html" "$here/node_modules/hls.js/package.json" "$media"; do
+    runuser -u nobody -- test -r "$needed" ||
+      { echo "setup.sh: \"nobody\", the web server's user, cannot read $needed" >&2; exit 1; }
+  done
   # A set-user-ID root gate, run by an unprivileged server: the request
   # runs as "nobody" with root saved, as on the NAS.
   cp "$build/tools/webapi/webapi-request-gate" "$state/api/request-gate"
