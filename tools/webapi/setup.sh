@@ -58,6 +58,18 @@ mkdir -p "$root/var/log"
 touch "$root/var/log/liborvovte.log" "$state/requests.log"
 chmod 0666 "$root/var/log/liborvovte.log" "$state/requests.log"
 
+# What every request is told: where the machine and the media are, and the
+# programs it runs.
+environment=(
+  "PATH=/usr/local/bin:/usr/bin:/bin"
+  "ORVOVTE_MACHINE_ROOT=$root"
+  "WEBAPI_MEDIA_DIR=$media"
+  "WEBAPI_PROFILE_DIR=$here/../../nas/profiles"
+  "WEBAPI_SUBTITLE_SERVICE=$build/nas/subtitle-service"
+  "WEBAPI_LOG=$state/requests.log"
+  "WEBAPI_BREAK_SEGMENTS=$break_segments"
+)
+
 # Every endpoint is the one CGI program under its own name.
 mkdir -p "$state/api"
 cgi=$build/tools/webapi/webapi-cgi
@@ -74,6 +86,9 @@ if ((EUID == 0)); then
   # Only the server's group may run it.
   chown root:nogroup "$state/api/request-gate"
   chmod 4750 "$state/api/request-gate"
+  # The gate takes these from root's file, not from its caller.
+  printf '%s\n' "${environment[@]}" > "$state/api/request-gate.env"
+  chmod 0644 "$state/api/request-gate.env"
   cgi=$state/api/request-gate
   user_lines='server.username = "nobody"
 server.groupname = "nogroup"'
@@ -104,14 +119,8 @@ mimetype.assign = (".html" => "text/html; charset=utf-8", ".js" => "text/javascr
                    ".mjs" => "text/javascript", ".map" => "application/json", ".css" => "text/css")
 alias.url = ("/api/" => "$state/api/", "/lib/" => "$here/node_modules/")
 \$HTTP["url"] =~ "^/api/" { cgi.assign = ("" => "") }
-setenv.add-environment = (
-  "PATH" => "/usr/local/bin:/usr/bin:/bin",
-  "ORVOVTE_MACHINE_ROOT" => "$root",
-  "WEBAPI_MEDIA_DIR" => "$media",
-  "WEBAPI_PROFILE_DIR" => "$here/../../nas/profiles",
-  "WEBAPI_SUBTITLE_SERVICE" => "$build/nas/subtitle-service",
-  "WEBAPI_LOG" => "$state/requests.log",
-  "WEBAPI_BREAK_SEGMENTS" => "$break_segments"
+setenv.add-environment = ($(for variable in "${environment[@]}"; do
+  printf '\n  "%s" => "%s",' "${variable%%=*}" "${variable#*=}"; done)
 )
 CONF
 exec lighttpd -D -f "$state/lighttpd.conf"
