@@ -205,8 +205,9 @@ TEST_F(LoadTest, TwentyRemuxStreamsReadAtOnceBesideATranscode) {
   EXPECT_TRUE(Close("t0"));
   EXPECT_EQ(Leftovers(15), "");
   if (!HasFailure()) {
-    orvotest::HostileRow("load", std::to_string(kSessions) + " remux HLS sessions read at once, " +
-                           std::to_string(kSessions * kSegmentsEach) + " segments" + AsWho(),
+    orvotest::HostileRow("load",
+                         std::to_string(kSessions) + " remux HLS sessions read at once, " +
+                             std::to_string(kSessions * kSegmentsEach) + " segments" + AsWho(),
                std::to_string(segments) + " complete segments; request descriptors and memory flat");
   }
 }

@@ -76,8 +76,8 @@ void EndRecordedTranscoder(const std::string& pidFile, int graceMs) {
   uid_t real = 0, effective = 0, saved = 0;
   const bool raise = getresuid(&real, &effective, &saved) == 0 && effective != 0 && saved == 0;
   const auto signal = [&](int number) {
-    return raise ? librh::DoActionAsRoot("Signal transcoder", [&] { return transcoder.Signal(number); })
-                 : transcoder.Signal(number);
+    const auto send = [&] { return transcoder.Signal(number); };
+    return raise ? librh::DoActionAsRoot("Signal transcoder", send) : send();
   };
   signal(SIGTERM);
   if (graceMs > 0 && !transcoder.WaitForEnd(graceMs)) {
