@@ -58,13 +58,43 @@ mkdir -p "$root/var/log"
 touch "$root/var/log/liborvovte.log" "$state/requests.log"
 chmod 0666 "$root/var/log/liborvovte.log" "$state/requests.log"
 
+# What the web server's user reads: the page, its players, the profiles and
+# the media. Under root that user is "nobody", and a checkout in a private
+# folder (root's home, say) is out of its reach: what it reads is staged
+# under the state folder, the media only when "nobody" cannot read them
+# where they are (copied with their modes: a file of root's alone stays so).
+page=$here/player libraries=$here/node_modules profiles=$here/../../nas/profiles
+if ((EUID == 0)); then
+  served=$state/served
+  rm -rf "$served"
+  (
+    umask 022
+    mkdir -p "$served"
+    cp -r "$here/player" "$served/player"
+    cp -r "$here/../../nas/profiles" "$served/profiles"
+    for library in hls.js/dist/hls.min.js dashjs/dist/modern/umd/dash.all.min.js \
+      dashjs/dist/modern/umd/dash.mss.min.js mpegts.js/dist/mpegts.js; do
+      install -D -m 0644 "$here/node_modules/$library" "$served/lib/$library"
+    done
+    if ! runuser -u nobody -- test -r "$media" -a -x "$media"; then
+      cp -a "$media" "$served/media"
+      chmod o+rx "$served/media"
+    fi
+  )
+  page=$served/player libraries=$served/lib profiles=$served/profiles
+  [[ -d $served/media ]] && media=$served/media
+  chmod o+x "$state" "$(dirname "$state")"
+  runuser -u nobody -- test -r "$page/index.html" ||
+    { echo "setup.sh: \"nobody\", the web server's user, cannot reach $state" >&2; exit 1; }
+fi
+
 # What every request is told: where the machine and the media are, and the
 # programs it runs.
 environment=(
   "PATH=/usr/local/bin:/usr/bin:/bin"
   "ORVOVTE_MACHINE_ROOT=$root"
   "WEBAPI_MEDIA_DIR=$media"
-  "WEBAPI_PROFILE_DIR=$here/../../nas/profiles"
+  "WEBAPI_PROFILE_DIR=$profiles"
   "WEBAPI_SUBTITLE_SERVICE=$build/nas/subtitle-service"
   "WEBAPI_LOG=$state/requests.log"
   "WEBAPI_BREAK_SEGMENTS=$break_segments"
@@ -75,11 +105,6 @@ mkdir -p "$state/api"
 cgi=$build/tools/webapi/webapi-cgi
 user_lines=
 if ((EUID == 0)); then
-  # The server reads the page, its players and the media folder as "nobody".
-  for needed in "$here/player/index.html" "$here/node_modules/hls.js/package.json" "$media"; do
-    runuser -u nobody -- test -r "$needed" ||
-      { echo "setup.sh: \"nobody\", the web server's user, cannot read $needed" >&2; exit 1; }
-  done
   # A set-user-ID root gate, run by an unprivileged server: the request
   # runs as "nobody" with root saved, as on the NAS.
   cp "$build/tools/webapi/webapi-request-gate" "$state/api/request-gate"
@@ -95,7 +120,6 @@ server.groupname = "nogroup"'
   # Where the unprivileged requests make their sessions, and the way to the
   # programs (a scratch folder is often private to its owner).
   chmod 1777 "$root/tmp/Reelhall" "$root/volume1" "$root/run"
-  chmod o+x "$state" "$(dirname "$state")"
   touch "$state/server.log"
   chown nobody "$state/server.log"
 fi
@@ -105,7 +129,7 @@ done
 
 cat > "$state/lighttpd.conf" <<CONF
 server.modules = ("mod_alias", "mod_cgi", "mod_setenv", "mod_staticfile")
-server.document-root = "$here/player"
+server.document-root = "$page"
 server.bind = "127.0.0.1"
 server.port = $port
 server.errorlog = "$state/server.log"
@@ -117,7 +141,7 @@ server.max-write-idle = 360
 index-file.names = ("index.html")
 mimetype.assign = (".html" => "text/html; charset=utf-8", ".js" => "text/javascript",
                    ".mjs" => "text/javascript", ".map" => "application/json", ".css" => "text/css")
-alias.url = ("/api/" => "$state/api/", "/lib/" => "$here/node_modules/")
+alias.url = ("/api/" => "$state/api/", "/lib/" => "$libraries/")
 \$HTTP["url"] =~ "^/api/" { cgi.assign = ("" => "") }
 setenv.add-environment = ($(for variable in "${environment[@]}"; do
   printf '\n  "%s" => "%s",' "${variable%%=*}" "${variable#*=}"; done)
