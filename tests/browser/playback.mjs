@@ -296,9 +296,9 @@ test('every kind seeks far and shows the picture of its clock, upright and in sh
   await page.close();
 });
 
-test('a progressive transcoder that fails at once shows its reason', async () => {
+test('a transcoder that fails at once shows its reason, whatever the kind', async () => {
   const page = await newPage(server);
-  for (const kind of ['http', 'webm']) {
+  for (const kind of ['http', 'webm', 'hls', 'ss']) {
     const opened = await page.evaluate((k) => window.orvo.open(k, 'cut-short.mp4'), kind);
     assert.ok(opened.id, `${kind}: ${JSON.stringify(opened)}`);
     const shown = await page.waitForFunction(() => document.getElementById('status').dataset.error,

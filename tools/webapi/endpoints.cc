@@ -1,5 +1,7 @@
 #include "tools/webapi/endpoints.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 
 #include <json/json.h>
@@ -33,10 +35,21 @@ int FailStart(const char* type, const VTEStream& stream) {
   return FailOpen(code.empty() ? "transcoding_failed" : code);
 }
 
+// A fragment that did not come: its run ended without it (the transcoder
+// failed), or it is still on its way.
+int FailFragment(const VTEStream& stream) {
+  if (stream.IsFFmpegRun()) return Fail(504, "fragment_not_ready");
+  fprintf(stderr, "webapi: stream %s: the transcoder ended without the fragment asked for\n",
+          stream.GetStreamID().c_str());
+  NoteFailure(stream, kTranscoderExited);
+  return Fail(502, kTranscoderExited);
+}
+
 int StreamHls(const std::string& id, const Query& query) {
   LibOrvoVTE::HttpLiveStream stream(id);
   if (!SessionExists(stream)) return Fail(404, "stream_not_found");
   TouchAccess(stream);
+  if (Key(query, "last_error") == "1") return AnswerLastFailure(stream);
   const std::string fragment = Key(query, "fragment_id");
   if (fragment.empty()) {
     const std::string playlist =
@@ -47,7 +60,7 @@ int StreamHls(const std::string& id, const Query& query) {
   if (Key(query, "hls_header") == "1") stream.EnableHLSHeader();
   if (!stream.Transcoding(fragment)) return FailStart("HLS", stream);
   const std::string segment = stream.ReadFragment(fragment);
-  if (segment.empty()) return Fail(504, "fragment_not_ready");
+  if (segment.empty()) return FailFragment(stream);
   return SendFile(segment, "video/mp2t",
                   Env("WEBAPI_BREAK_SEGMENTS") == "1" ? kBrokenSegmentBytes : 0);
 }
@@ -56,11 +69,14 @@ int StreamSmooth(const std::string& id, const Query& query) {
   LibOrvoVTE::SmoothStream stream(id);
   if (!SessionExists(stream)) return Fail(404, "stream_not_found");
   TouchAccess(stream);
+  if (Key(query, "last_error") == "1") return AnswerLastFailure(stream);
   const std::string fragment = Key(query, "fragment_id");
   if (fragment.empty()) return SendFile(stream.GetMainfest(), "text/xml");
   if (!stream.Transcoding(fragment)) return FailStart("SS", stream);
+  // Once its run has ended, the library names what exists as all there is.
   const std::string file = stream.ReadFragment(fragment);
-  if (file.empty()) return Fail(504, "fragment_not_ready");
+  struct stat info;
+  if (file.empty() || stat(file.c_str(), &info) != 0) return FailFragment(stream);
   return SendFile(file, "video/mp4");
 }
 

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -37,7 +36,6 @@ constexpr char kRunSuffix[] = "_run";
 // request never closes the run that replaced its own.
 constexpr char kRunLockFile[] = "webapi_run.lock";
 // In the anchor's session: the error code of its last run that failed.
-constexpr char kFailureFile[] = "webapi_failure";
 // Where the library records the run's transcoder (HTTP) or monitor (WebM).
 constexpr char kRecordFile[] = "monitor.pid";
 // Starting a run may wait a minute for a transcoding slot.
@@ -85,7 +83,7 @@ class AnchorLock {
 
 // Answers a run that did not start, notes why for the page and logs it.
 int FailRun(const VTEStream& anchor, const std::string& type, const std::string& code) {
-  std::ofstream(anchor.GetVTEFileFullPath(kFailureFile), std::ios::trunc) << code;
+  NoteFailure(anchor, code);
   LogLine(type, anchor.GetStreamID(), "run failed: " + code);
   return FailOpen(code);
 }
@@ -322,12 +320,7 @@ int StreamProgressive(const std::string& type, const std::string& id, const Quer
     return Fail(404, "stream_not_found");
   }
   TouchAccess(*anchor);
-  if (Key(query, "last_error") == "1") {
-    Json::Value body(Json::objectValue);
-    const std::string code = toolkit::ReadWholeFile(anchor->GetVTEFileFullPath(kFailureFile));
-    if (!code.empty()) body["error"] = code;
-    return AnswerJson(body);
-  }
+  if (Key(query, "last_error") == "1") return AnswerLastFailure(*anchor);
   Reply answer;
   unsigned long start = 0;
   if (type == "HTTP") {

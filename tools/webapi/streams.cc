@@ -5,13 +5,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <json/json.h>
+
 #include <cerrno>
+#include <fstream>
 #include <map>
 
 #include "tools/webapi/http_request.h"
 #include "tools/webapi/response.h"
+#include "toolkit/files.h"
 
 namespace webapi {
+namespace {
+
+constexpr char kFailureFile[] = "webapi_failure";
+
+}  // namespace
 
 std::string StreamType(const std::string& format) {
   if (format == "hls") return "HLS";
@@ -85,6 +94,17 @@ int FailOpen(const std::string& code) {
   // The library's refusals of the file on this machine all begin so.
   if (code.compare(0, 5, "Trans") == 0) return Fail(415, code);
   return Fail(500, code.empty() ? "init_failed" : code);
+}
+
+void NoteFailure(const LibOrvoVTE::VTEStream& stream, const std::string& code) {
+  std::ofstream(stream.GetVTEFileFullPath(kFailureFile), std::ios::trunc) << code;
+}
+
+int AnswerLastFailure(const LibOrvoVTE::VTEStream& stream) {
+  Json::Value body(Json::objectValue);
+  const std::string code = toolkit::ReadWholeFile(stream.GetVTEFileFullPath(kFailureFile));
+  if (!code.empty()) body["error"] = code;
+  return AnswerJson(body);
 }
 
 }  // namespace webapi

@@ -44,4 +44,10 @@ inline constexpr char kTranscoderSilent[] = "transcoder_silent";
 // or the web API's error code ("" when there was none).
 int FailOpen(const std::string& code);
 
+// A player sees a failed response only as a network or media error, never
+// its body: the code is noted in the session, and "last_error=1" asks for
+// it afterwards (answered by AnswerLastFailure).
+void NoteFailure(const LibOrvoVTE::VTEStream& stream, const std::string& code);
+int AnswerLastFailure(const LibOrvoVTE::VTEStream& stream);
+
 }  // namespace webapi

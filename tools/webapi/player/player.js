@@ -50,9 +50,9 @@
 
   function fatal(text) { show(`Playback failed: ${text}`, true); }
 
-  // A video element or mpegts.js sees a failed progressive run only as a
-  // network or format error; the web API keeps the run's own code.
-  async function progressiveFailure(fallback) {
+  // A player sees a failed response only as a network or format error; the
+  // web API keeps the stream's own code (a transcoder that ended, say).
+  async function failure(fallback) {
     const stream = current;
     if (!stream) return;
     let reason = fallback;
@@ -99,23 +99,27 @@
       const policy = {
         maxTimeToFirstByteMs: kSegmentWaitMs, maxLoadTimeMs: kSegmentWaitMs + 60000,
         timeoutRetry: { maxNumRetry: 1, retryDelayMs: 0, maxRetryDelayMs: 0 },
-        errorRetry: { maxNumRetry: 2, retryDelayMs: 1000, maxRetryDelayMs: 4000 },
+        errorRetry: {
+          maxNumRetry: 2, retryDelayMs: 1000, maxRetryDelayMs: 4000,
+          // A transcoder that ended without the segment will not make it on a retry.
+          shouldRetry: (config, count, timeout, response, retry) => retry && !(response && response.code === 502),
+        },
       };
       const hls = new Hls({ fragLoadPolicy: { default: policy }, renderTextTracksNatively: true });
-      hls.on(Hls.Events.ERROR, (event, data) => { if (data.fatal) fatal(`${data.type} ${data.details}`); });
+      hls.on(Hls.Events.ERROR, (event, data) => { if (data.fatal) failure(`${data.type} ${data.details}`); });
       hls.loadSource(url);
       hls.attachMedia(video);
       current.player = hls;
     } else if (kind === 'ss') {
       const player = dashjs.MediaPlayer().create();
-      player.on(dashjs.MediaPlayer.events.ERROR, (e) => fatal(`dash.js ${e.error && e.error.code}`));
+      player.on(dashjs.MediaPlayer.events.ERROR, (e) => failure(`dash.js ${e.error && e.error.code}`));
       player.initialize(video, url, true);
       current.player = player;
     } else if (kind === 'http') {
       // Chromium does not play MPEG-TS in a plain video element.
       const player = mpegts.createPlayer({ type: 'mpegts', url, isLive: false },
         { seekType: 'range', enableWorker: false });
-      player.on(mpegts.Events.ERROR, (type, detail) => progressiveFailure(`${type} ${detail}`));
+      player.on(mpegts.Events.ERROR, (type, detail) => failure(`${type} ${detail}`));
       player.on(mpegts.Events.MEDIA_INFO, () => {
         seekByRange(player, bytesPerSecond);
         const until = Date.now() + 10000;
@@ -130,7 +134,7 @@
     }
     video.onerror = () => {
       const code = `media error ${video.error && video.error.code}`;
-      if (kind === 'webm') progressiveFailure(code); else fatal(code);
+      failure(code);
     };
     video.play().catch(() => { /* autoplay may wait for the user */ });
   }
