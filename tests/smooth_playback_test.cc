@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 #include <json/json.h>
+extern "C" {
+#include <libavutil/frame.h>
+}
 
 #include <algorithm>
 #include <filesystem>
@@ -16,6 +19,7 @@
 
 #include "platform/machine_root.h"
 #include "tests/support/child.h"
+#include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
@@ -68,25 +72,21 @@ std::vector<long long> FragmentTimes(const std::string& dir, const std::string& 
   return times;
 }
 
-// The luma planes of a video fragment's pictures, decoded with nothing but
-// the manifest's parameter sets; none when they do not decode.
-std::vector<std::string> DecodeLuma(const std::string& privateData, const orvotest::Mp4Fragment& fragment,
-                                    int width, int height, const std::string& scratch) {
-  const std::string stream = scratch + ".h264";
-  const std::string raw = scratch + ".yuv";
-  std::ofstream(stream, std::ios::binary) << privateData << fragment.AnnexB();
-  if (orvotest::RunQuietly({"ffmpeg", "-v", "error", "-y", "-f", "h264", "-i", stream, "-f",
-                            "rawvideo", "-pix_fmt", "yuv420p", raw},
-                           60) != 0) {
-    return {};
-  }
-  const std::string all = toolkit::ReadWholeFile(raw);
-  const size_t luma = static_cast<size_t>(width) * height;
-  std::vector<std::string> planes;
-  for (size_t at = 0; at + luma * 3 / 2 <= all.size(); at += luma * 3 / 2) {
-    planes.push_back(all.substr(at, luma));
-  }
-  return planes;
+// The pictures of a video fragment, decoded in order with nothing but the
+// manifest's parameter sets; none when they do not decode.
+std::vector<orvotest::Picture> DecodePictures(const std::string& privateData,
+                                              const orvotest::Mp4Fragment& fragment,
+                                              const std::string& scratch) {
+  std::ofstream(scratch, std::ios::binary) << privateData << fragment.AnnexB();
+  orvotest::ProbedMedia media;
+  std::vector<orvotest::Picture> pictures;
+  if (!orvotest::DecodeMedia(scratch, &media, "h264", nullptr, &pictures).empty()) return {};
+  return pictures;
+}
+
+// The luma at column `x` and row `y` of a picture.
+int Luma(const orvotest::Picture& picture, int x, int y) {
+  return picture.frame->data[0][y * picture.frame->linesize[0] + x];
 }
 
 class SmoothPlayback : public orvotest::MachineRootTest {
@@ -229,24 +229,26 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
       EXPECT_EQ(orvotest::ReadMp4Fragment(fragments + Fragment(kAudio, time)).time, time);
       const orvotest::Mp4Fragment video = orvotest::ReadMp4Fragment(fragments + Fragment(kVideo, time));
       EXPECT_EQ(video.time, time);
-      const std::vector<std::string> pictures =
-          DecodeLuma(privateData, video, width, height, Root().At("/picture"));
+      const std::vector<orvotest::Picture> pictures =
+          DecodePictures(privateData, video, Root().At("/picture.h264"));
       ASSERT_EQ(pictures.size(), 75u);
 
       // The picture's extent across the middle row and down the middle
       // column; the bars are black (luma 16), the picture never darker than 64.
-      const std::string& first = pictures.front();
+      const orvotest::Picture& first = pictures.front();
+      ASSERT_EQ(first.width, width);
+      ASSERT_EQ(first.height, height);
       int left = width;
       int right = -1;
       for (int x = 0; x < width; ++x) {
-        if (static_cast<unsigned char>(first[(height / 2) * width + x]) > 40) {
+        if (Luma(first, x, height / 2) > 40) {
           left = std::min(left, x);
           right = x;
         }
       }
       int shownHeight = 0;
       for (int y = 0; y < height; ++y) {
-        shownHeight += static_cast<unsigned char>(first[y * width + width / 2]) > 40;
+        shownHeight += Luma(first, width / 2, y) > 40;
       }
       EXPECT_EQ(shownHeight, height);
       EXPECT_NEAR(static_cast<double>(right - left + 1) / shownHeight, kShownAspect,
@@ -259,7 +261,7 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
       std::string late;
       for (size_t i = 0; i < pictures.size(); ++i) {
         const long long n = time * 15 / 10000000 + static_cast<long long>(i);
-        const int luma = static_cast<unsigned char>(pictures[i][(height / 2) * width + width / 2]);
+        const int luma = Luma(pictures[i], width / 2, height / 2);
         const int grey = (luma - 64 + 6) / 12;
         if (grey != secondOf(n) && grey != secondOf(n + 1) && (n == 0 || grey != secondOf(n - 1))) {
           late += " " + std::to_string(n) + ":" + std::to_string(grey);
