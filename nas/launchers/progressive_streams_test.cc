@@ -16,14 +16,14 @@ namespace {
 
 constexpr double kFrame = 0.1;  // the clip's video runs at 10 frames per second
 constexpr double kAacFrame = 1024 / 48000.0;
-constexpr double kClipSeconds = 130;
+constexpr double kClipSeconds = 100;
 constexpr double kGstTsStart = 3600;
-constexpr int kSeek = 120;
+constexpr int kSeek = 80;
 
 TEST(ProgressiveStreams, GstreamerPipelineStartsAtTheSeekWithShiftedTimestamps) {
   orvotest::MachineRoot root;
   orvotest::InstallLaunchers(root);
-  const std::string clip = orvotest::TestMedia(orvotest::Media::kLongLowResMp4);
+  const std::string clip = orvotest::TestMedia(orvotest::Media::kLongH264AacMp4);
   int fds[2];
   ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
   // The pipeline a Monaco HTTP session builds for a Chromecast asking for
