@@ -2,14 +2,12 @@
 // media, the launchers in place of the NAS's transcoders, and every web
 // request in a process of its own, as the web API runs them.
 #include <signal.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -58,7 +56,7 @@ class HlsPlaybackTest : public orvotest::PlaybackTest {
   }
 };
 
-TEST_F(HlsPlaybackTest, SegmentsInOrderThenAFarSeekRestartsTheRunThere) {
+TEST_F(HlsPlaybackTest, SegmentsInOrderAFarSeekThenASignalAndIdleness) {
   ASSERT_EQ(Open("s", "paced"), "ok");
   EXPECT_TRUE(fs::is_symlink(Dir()));
   // 100 seconds in twenty segments of 5.
@@ -104,72 +102,11 @@ TEST_F(HlsPlaybackTest, SegmentsInOrderThenAFarSeekRestartsTheRunThere) {
   EXPECT_EQ(Text("seek_time"), "16");
   EXPECT_NEAR(VideoStart(18) - first, 90.0, 0.15);
 
-  CloseAndCheck();
-}
-
-TEST_F(HlsPlaybackTest, OfTwoFarRequestsAtOnceTheNewerKeepsItsMonitor) {
-  ASSERT_EQ(Open("s", "paced"), "ok");
-
-  // Each outside the other's first five segments.
-  const std::string fragments[2] = {"6", "16"};
-  Request requests[2];
-  for (int i = 0; i < 2; ++i) {
-    const std::string fragment = fragments[i];
-    requests[i] = StartRequest([fragment] {
-      HttpLiveStream stream("s");
-      const bool started = stream.Transcoding(fragment);
-      const auto begin = std::chrono::steady_clock::now();
-      const std::string path = started ? stream.ReadFragment(fragment) : "<failed>";
-      return path + "|" +
-             std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                std::chrono::steady_clock::now() - begin)
-                                .count());
-    });
-  }
-  std::string results[2];
-  for (int i = 0; i < 2; ++i) results[i] = FinishRequest(requests[i]);
-
-  int served = 0;
-  int winner = -1;
-  for (int i = 0; i < 2; ++i) {
-    const size_t bar = results[i].find('|');
-    ASSERT_NE(bar, std::string::npos) << results[i];
-    if (bar > 0) {
-      ++served;
-      winner = atoi(fragments[i].c_str());
-      EXPECT_EQ(results[i].substr(0, bar), Slice(winner));
-    } else {
-      // Superseded: one round of waiting, then it gives up.
-      EXPECT_LT(atol(results[i].c_str() + bar + 1), 2500) << fragments[i];
-    }
-  }
-  ASSERT_EQ(served, 1) << results[0] << " " << results[1];
-
-  // Only the newer request's monitor runs (its transcoder is its child, not
-  // this process's); the other never started or is gone.
-  const int monitor = Monitor();
-  EXPECT_TRUE(orvotest::WaitUntil(
-      [] {
-        while (waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
-        return ChildrenOf(getpid()).size() == 1;
-      },
-      5000))
-      << ChildrenOf(getpid()).size() << " monitors";
-  EXPECT_TRUE(OLIBCProcAlive(monitor));
-  EXPECT_TRUE(fs::exists(Slice(winner + 1)));
-
-  CloseAndCheck();
-}
-
-TEST_F(HlsPlaybackTest, MonitorEndsOnSignalAndOnIdleSessions) {
-  ASSERT_EQ(Open("s", "paced"), "ok");
-  EXPECT_EQ(Segment("s", 0), Slice(0));
-  const int monitor = Monitor();
-  const std::vector<pid_t> transcoders = ChildrenOf(monitor);
+  // A signal ends the monitor and its transcoder and keeps the session.
+  const std::vector<pid_t> transcoders = ChildrenOf(seeker);
   ASSERT_EQ(transcoders.size(), 1U);
   EXPECT_TRUE(orvotest::Registered(transcoders[0]));
-  ASSERT_EQ(kill(monitor, SIGTERM), 0);
+  ASSERT_EQ(kill(seeker, SIGTERM), 0);
   EXPECT_TRUE(orvotest::ChildrenEnded(4)) << "monitor or transcoder still running";
   EXPECT_FALSE(orvotest::Registered(transcoders[0]));
   EXPECT_TRUE(fs::exists(File("s", "video_metadata"))) << "a signal alone keeps the session";

@@ -61,7 +61,7 @@ constexpr double kLeastShareOfPrediction = 0.85;
 // or two of a muxer's rounding.
 constexpr double kDurationSlack = 0.2;
 constexpr int kRequestSeconds = 90;
-constexpr int kWorkers = 2;
+constexpr int kWorkers = 4;
 constexpr char kPlays[] = "plays";
 constexpr char kAudioRefused[] = "refused TransAudioNotSupported";
 constexpr char kNotServed[] = "not served";

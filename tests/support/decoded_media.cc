@@ -50,7 +50,8 @@ struct Track {
 
 // Sends `packet` (null: the end) and takes every frame the decoder has
 // ready. "" or the error.
-std::string Decode(Track& track, const AVPacket* packet, AVFrame* frame, Picture* picture) {
+std::string Decode(Track& track, const AVPacket* packet, AVFrame* frame, Picture* picture,
+                   std::vector<Picture>* every) {
   int status = avcodec_send_packet(track.codec.get(), packet);
   for (; status >= 0 || (status == AVERROR_EOF && packet == nullptr);) {
     status = avcodec_receive_frame(track.codec.get(), frame);
@@ -79,6 +80,10 @@ std::string Decode(Track& track, const AVPacket* packet, AVFrame* frame, Picture
         picture->frame.reset(av_frame_clone(frame), FrameFreer());
         picture->width = frame->width;
         picture->height = frame->height;
+      }
+      if (every != nullptr) {
+        every->push_back({std::shared_ptr<const AVFrame>(av_frame_clone(frame), FrameFreer()),
+                          frame->width, frame->height});
       }
     }
     av_frame_unref(frame);
@@ -124,7 +129,7 @@ Picture::Rgb Picture::At(double across, double down) const {
 }
 
 std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::string& format,
-                        Picture* picture) {
+                        Picture* picture, std::vector<Picture>* every) {
   *media = ProbedMedia();
   const AVInputFormat* forced = nullptr;
   if (!format.empty() && (forced = av_find_input_format(format.c_str())) == nullptr) {
@@ -179,13 +184,13 @@ std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::
   std::unique_ptr<AVFrame, FrameFreer> frame(av_frame_alloc());
   while ((status = av_read_frame(input.get(), packet.get())) >= 0) {
     Track& track = tracks[packet->stream_index];
-    const std::string error = track.codec ? Decode(track, packet.get(), frame.get(), picture) : "";
+    const std::string error = track.codec ? Decode(track, packet.get(), frame.get(), picture, every) : "";
     av_packet_unref(packet.get());
     if (!error.empty()) return error;
   }
   if (status != AVERROR_EOF) return "reading " + path + " failed: " + AvError(status);
   for (Track& track : tracks) {
-    const std::string error = track.codec ? Decode(track, nullptr, frame.get(), picture) : "";
+    const std::string error = track.codec ? Decode(track, nullptr, frame.get(), picture, every) : "";
     if (!error.empty()) return error;
   }
   return "";

@@ -46,9 +46,10 @@ struct Picture {
 
 // Decodes `path` (`format` forces the demuxer, "" lets libavformat guess)
 // into `media`; `picture`, when given, gets the first video picture that is
-// 8-bit Y'CbCr. "" on success, else what went wrong.
+// 8-bit Y'CbCr, and `every`, when given, every video picture in order. ""
+// on success, else what went wrong.
 std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "",
-                        Picture* picture = nullptr);
+                        Picture* picture = nullptr, std::vector<Picture>* every = nullptr);
 
 // DecodeMedia for tests: false, with a gtest failure, when it fails.
 bool ProbeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "");

@@ -37,19 +37,6 @@ void InstallLaunchers(const MachineRoot& root) {
   Link(root, ORVOVTE_GST_LAUNCHER, librh::machine::kPackageGstLaunch);
 }
 
-void LauncherTest::SetUp() {
-  MachineRootTest::SetUp();
-  InstallLaunchers(Root());
-}
-
-std::string LauncherTest::SessionDir(const std::string& name) {
-  const std::string dir = Root().At("/volume1/" + name);
-  std::error_code failure;
-  fs::create_directories(dir, failure);
-  if (failure) ADD_FAILURE() << "cannot create " << dir << ": " << failure.message();
-  return dir;
-}
-
 bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   char buffer[65536];

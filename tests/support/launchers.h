@@ -17,17 +17,6 @@ namespace orvotest {
 // a gtest failure when that fails.
 void InstallLaunchers(const MachineRoot& root);
 
-// A fresh machine root with the launchers installed.
-class LauncherTest : public MachineRootTest {
- protected:
-  void SetUp() override;
-  // Where the library runs its transcoders.
-  std::string FFmpeg() { return Root().At(librh::machine::kPackageFFmpeg); }
-  std::string GstLaunch() { return Root().At(librh::machine::kPackageGstLaunch); }
-  // A new directory on the data volume, as a session directory would be.
-  std::string SessionDir(const std::string& name);
-};
-
 // Reads `fd` into `data` until end of file, or until `data` holds at least
 // `enough` bytes, for at most `timeoutMs` milliseconds. False when time ran out.
 bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough = std::string::npos);

@@ -42,7 +42,8 @@ std::string Mp4Fragment::AnnexB() const {
   return out;
 }
 
-Mp4Fragment ParseMp4Fragment(const std::string& bytes) {
+Mp4Fragment ReadMp4Fragment(const std::string& path) {
+  const std::string bytes = toolkit::ReadWholeFile(path);
   Mp4Fragment fragment;
   bool whole = bytes.size() >= 8 && bytes.compare(4, 4, "moof") == 0;
   size_t moof = 0;
@@ -51,15 +52,9 @@ Mp4Fragment ParseMp4Fragment(const std::string& bytes) {
     moof = at - 8;
     whole &= ForEachBox(bytes, at, end, [&](const std::string& type, size_t at, size_t end) {
       if (type != "traf") return;
-      unsigned long long defaultFlags = 0;
       whole &= ForEachBox(bytes, at, end, [&](const std::string& type, size_t at, size_t) {
         const unsigned flags = BigEndian(bytes, at, 4) & 0xffffff;
-        if (type == "tfhd" && (flags & 0x20)) {
-          // Optional fields before the default flags: base offset, description, duration, size.
-          size_t field = at + 8 + ((flags & 1) ? 8 : 0);
-          for (unsigned bit : {0x2u, 0x8u, 0x10u}) field += (flags & bit) ? 4 : 0;
-          defaultFlags = BigEndian(bytes, field, 4);
-        } else if (type == "uuid" && BigEndian(bytes, at, 4) == 0x6d1d9b05) {
+        if (type == "uuid" && BigEndian(bytes, at, 4) == 0x6d1d9b05) {
           const bool wide = bytes[at + 16] == 1;
           fragment.time = static_cast<long long>(BigEndian(bytes, at + 20, wide ? 8 : 4));
         } else if (type == "trun") {
@@ -71,28 +66,22 @@ Mp4Fragment ParseMp4Fragment(const std::string& bytes) {
           };
           const unsigned long long count = take(true);
           size_t data = moof + take(flags & 1);
-          unsigned long long sampleFlags = (flags & 4) ? take(true) : defaultFlags;
+          take(flags & 4);  // the first sample's flags
           for (unsigned long long i = 0; i < count; ++i) {
-            fragment.duration += static_cast<long long>(take(flags & 0x100));
+            take(flags & 0x100);  // duration
             const size_t size = take(flags & 0x200);
-            const unsigned long long ownFlags = take(flags & 0x400);
-            take(flags & 0x800);
-            if (i == 0 && (flags & 0x400) && !(flags & 4)) sampleFlags = ownFlags;
+            take(flags & 0x400);  // flags
+            take(flags & 0x800);  // composition offset
             whole &= data + size <= bytes.size();
             fragment.samples.push_back(bytes.substr(std::min(data, bytes.size()), size));
             data += size;
           }
-          fragment.startsWithSync = count > 0 && !(sampleFlags & 0x10000);
         }
       });
     });
   });
   fragment.complete = whole && !fragment.samples.empty();
   return fragment;
-}
-
-Mp4Fragment ReadMp4Fragment(const std::string& path) {
-  return ParseMp4Fragment(toolkit::ReadWholeFile(path));
 }
 
 std::string BytesFromHex(const std::string& hex) {

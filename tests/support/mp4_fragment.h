@@ -1,5 +1,5 @@
 // Smooth Streaming fragment files (a moof box, then an mdat box) read the
-// way a client reads them: ISO/IEC 14496-12 tfhd and trun, and the Smooth
+// way a client reads them: ISO/IEC 14496-12 trun, and the Smooth
 // Streaming tfxd box.
 #pragma once
 
@@ -12,9 +12,7 @@ struct Mp4Fragment {
   // A moof box first, boxes that fill the file exactly, and samples that all
   // lie inside it.
   bool complete = false;
-  long long time = -1;      // the tfxd box's absolute time
-  long long duration = 0;   // the sum of the samples' durations
-  bool startsWithSync = false;
+  long long time = -1;  // the tfxd box's absolute time
   std::vector<std::string> samples;
 
   // The samples' length-prefixed NAL units behind Annex B start codes, as a
@@ -22,8 +20,7 @@ struct Mp4Fragment {
   std::string AnnexB() const;
 };
 
-Mp4Fragment ParseMp4Fragment(const std::string& bytes);
-// The same for the file `path`.
+// The fragment in the file `path`.
 Mp4Fragment ReadMp4Fragment(const std::string& path);
 
 // "0a1B" as the bytes 0x0a 0x1b.

@@ -22,7 +22,7 @@ namespace {
 
 // Bumped whenever a recipe changes, so caches made by older recipes are not
 // mistaken for the new files.
-constexpr char kRecipeDir[] = "/r3";
+constexpr char kRecipeDir[] = "/r4";
 constexpr int kGenerateTimeoutSeconds = 120;
 // Another process may be generating the whole set while we wait.
 constexpr int kLockTimeoutSeconds = 240;
@@ -88,48 +88,46 @@ constexpr Entry kEntries[] = {
      "-f lavfi -i testsrc=size=320x240:rate=15:duration=40 "
      "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=40 "
      "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a libmp3lame -b:a 64k -ac 2"},
-    {Media::kLongLowResMp4, "long_160x120.mp4", CLIP("testsrc=size=160x120:rate=10", "130")
-     "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 10 -c:a aac -b:a 32k -ac 2"},
     // Long enough for seeks across a dozen 8-second remux segments.
     {Media::kLongH264AacMp4, "long_h264_aac.mp4", CLIP("testsrc=size=160x120:rate=10", "100")
      "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 10 -c:a aac -b:a 48k -ac 2"},
     // High quality, so that a picture made from it can be held to the bars.
-    {Media::kBarsH264Mp4, "bars_h264.mp4", CLIP("smptehdbars=size=640x360:rate=25", "6")
+    {Media::kBarsH264Mp4, "bars_h264.mp4", CLIP("smptehdbars=size=640x360:rate=25", "3")
      "-c:v libx264 -preset ultrafast -crf 12 -pix_fmt yuv420p -g 25 -color_primaries bt709 "
      "-color_trc bt709 -colorspace bt709 -c:a aac -ac 2"},
     // The bars in light of 100 nits as a grading would put them in PQ,
     // with the mastering display and light levels an HDR10 file carries.
-    {Media::kHdr10HevcMkv, "hdr10_hevc.mkv", CLIP("smptehdbars=size=640x360:rate=25", "6")
+    {Media::kHdr10HevcMkv, "hdr10_hevc.mkv", CLIP("smptehdbars=size=640x360:rate=25", "3")
      "-vf zscale=tin=bt709:min=bt709:pin=bt709:rin=tv:t=smpte2084:m=bt2020nc:p=bt2020:r=tv:npl=100,"
      "format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params "
      "log-level=error:crf=12:keyint=25:colorprim=bt2020:transfer=smpte2084:colormatrix=bt2020nc:"
      "hdr10=1:master-display=G(13250,34500)B(7500,3000)R(34000,16000)WP(15635,16450)L(10000000,1):"
      "max-cll=1000,400 -c:a libopus -ac 6"},
-    {Media::kHlgHevcMp4, "hlg_hevc.mp4", CLIP("smptehdbars=size=640x360:rate=25", "6")
+    {Media::kHlgHevcMp4, "hlg_hevc.mp4", CLIP("smptehdbars=size=640x360:rate=25", "3")
      "-vf zscale=tin=bt709:min=bt709:pin=bt709:rin=tv:t=arib-std-b67:m=bt2020nc:p=bt2020:r=tv:"
      "npl=100,format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params "
      "log-level=error:crf=12:keyint=25:colorprim=bt2020:transfer=arib-std-b67:"
      "colormatrix=bt2020nc -tag:v hvc1 -c:a aac -ac 2"},
     // What libx264 makes of testsrc's RGB unless told otherwise.
-    {Media::kH264444Ac3Mkv, "h264_444_ac3.mkv", CLIP("testsrc=size=320x240:rate=25", "6")
+    {Media::kH264444Ac3Mkv, "h264_444_ac3.mkv", CLIP("testsrc=size=320x240:rate=25", "3")
      "-c:v libx264 -preset ultrafast -pix_fmt yuv444p -c:a ac3 -ac 6"},
-    {Media::kH264High10Eac3Mkv, "h264_high10_eac3.mkv", CLIP("testsrc=size=320x240:rate=25", "6")
+    {Media::kH264High10Eac3Mkv, "h264_high10_eac3.mkv", CLIP("testsrc=size=320x240:rate=25", "3")
      "-c:v libx264 -preset ultrafast -pix_fmt yuv420p10le -c:a eac3 -ac 2"},
-    {Media::kHevcFlacAssMkv, "hevc_flac_ass.mkv", CLIP("testsrc=size=640x360:rate=25", "6")
+    {Media::kHevcFlacAssMkv, "hevc_flac_ass.mkv", CLIP("testsrc=size=640x360:rate=25", "3")
      "-i @subtitles.srt -map 0:v -map 1:a -map 2:s -c:v libx265 -preset ultrafast -x265-params "
      "log-level=error -pix_fmt yuv420p -c:a flac -ac 1 -c:s ass"},
-    {Media::kAv1OpusWebm, "av1_opus.webm", CLIP("testsrc=size=320x240:rate=25", "6")
+    {Media::kAv1OpusWebm, "av1_opus.webm", CLIP("testsrc=size=320x240:rate=25", "3")
      "-c:v libaom-av1 -usage realtime -cpu-used 8 -pix_fmt yuv420p -c:a libopus -ac 2"},
-    {Media::kInterlacedMpeg2Ts, "interlaced_mpeg2.ts", CLIP("testsrc=size=720x576:rate=25", "4")
+    {Media::kInterlacedMpeg2Ts, "interlaced_mpeg2.ts", CLIP("testsrc=size=720x576:rate=25", "2")
      "-vf setfield=tff -c:v mpeg2video -flags +ilme+ildct -top 1 -q:v 6 -c:a mp2 -ac 2"},
     {Media::kMpeg4Mp3Avi, "mpeg4_mp3.avi",
-     "-f lavfi -i testsrc=size=320x240:rate=25:duration=6 "
-     "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=6 "
+     "-f lavfi -i testsrc=size=320x240:rate=25:duration=3 "
+     "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=3 "
      "-c:v mpeg4 -vtag XVID -q:v 5 -c:a libmp3lame -b:a 128k -ac 2"},
     // A third of every second dropped: 10 frames at 30 fps, a gap, 10 more.
     {Media::kPhoneVfrMp4, "phone_vfr.mp4",
-     "-f lavfi -i testsrc2=size=640x360:rate=30:duration=6 "
-     "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=6 -i @subtitles.srt "
+     "-f lavfi -i testsrc2=size=640x360:rate=30:duration=3 "
+     "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=3 -i @subtitles.srt "
      "-map 0:v -map 1:a -map 2:s -vf select=not(between(mod(n\\,30)\\,10\\,19)) "
      "-fps_mode vfr -c:v libx264 -preset ultrafast -crf 30 -pix_fmt yuv420p "
      "-c:a aac -ac 1 -c:s mov_text"},
@@ -138,9 +136,9 @@ constexpr Entry kEntries[] = {
      "-i @phone_vfr.mp4 -map 0 -c copy -metadata:s:v:0 rotate=270"},
     {Media::kPhone270Mp4, "phone_270.mp4",
      "-i @phone_vfr.mp4 -map 0 -c copy -metadata:s:v:0 rotate=90"},
-    {Media::kAnamorphicDtsMkv, "anamorphic_dts.mkv", CLIP("testsrc=size=720x576:rate=25", "6")
+    {Media::kAnamorphicDtsMkv, "anamorphic_dts.mkv", CLIP("testsrc=size=720x576:rate=25", "3")
      "-vf setsar=16/15 -c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a dca -strict -2 -ac 6"},
-    {Media::kOddSizeMkv, "odd_1918x1080.mkv", CLIP("testsrc=size=1918x1080:rate=25", "4")
+    {Media::kOddSizeMkv, "odd_1918x1080.mkv", CLIP("testsrc=size=1918x1080:rate=25", "2")
      "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac -ac 8"},
     {Media::kBesideSrt, "h264_high10_eac3.srt", "-i @subtitles.srt"},
     // A flat grey per second: any decoded frame tells its second, whatever

@@ -22,26 +22,24 @@ enum class Media {
   kTruncatedMp4,     // the first 4096 bytes of kH264AacMp4 (no 'moov')
   kNotMedia,         // plain text that no demuxer accepts
   kLongH264Mp3Mkv,   // H.264 320x240 at 15 fps + MP3 stereo 44.1 kHz, 40 s
-  kLongLowResMp4,    // H.264 160x120 at 10 fps, a keyframe each second, + AAC stereo
-                     // 48 kHz, 130 s: long enough to seek to 60 and 120 s
   kLongH264AacMp4,   // H.264 160x120 at 10 fps, a keyframe every second, + AAC, 100 s
   // What a home library holds, a few seconds each. The bars clips show the
   // same SMPTE colour bars, so pictures can be compared across them.
-  kBarsH264Mp4,        // bars, H.264 8-bit 4:2:0 tagged BT.709, 640x360 + AAC stereo, 6 s
-  kHdr10HevcMkv,       // the bars as HEVC Main 10, HDR10 (PQ, BT.2020) + Opus 5.1, 6 s
-  kHlgHevcMp4,         // the bars as HEVC Main 10, HLG (BT.2020) + AAC stereo, 6 s
-  kH264444Ac3Mkv,      // H.264 High 4:4:4 Predictive + AC-3 5.1, 6 s
-  kH264High10Eac3Mkv,  // H.264 High 10 + E-AC-3 stereo, 6 s
-  kHevcFlacAssMkv,     // HEVC Main 640x360 + FLAC mono + ASS subtitles, 6 s
-  kAv1OpusWebm,        // AV1 + Opus stereo, 6 s
-  kInterlacedMpeg2Ts,  // MPEG-2 720x576 interlaced, top field first + MP2 stereo, 4 s
-  kMpeg4Mp3Avi,        // MPEG-4 part 2 tagged XVID + MP3 stereo, 6 s
+  kBarsH264Mp4,        // bars, H.264 8-bit 4:2:0 tagged BT.709, 640x360 + AAC stereo, 3 s
+  kHdr10HevcMkv,       // the bars as HEVC Main 10, HDR10 (PQ, BT.2020) + Opus 5.1, 3 s
+  kHlgHevcMp4,         // the bars as HEVC Main 10, HLG (BT.2020) + AAC stereo, 3 s
+  kH264444Ac3Mkv,      // H.264 High 4:4:4 Predictive + AC-3 5.1, 3 s
+  kH264High10Eac3Mkv,  // H.264 High 10 + E-AC-3 stereo, 3 s
+  kHevcFlacAssMkv,     // HEVC Main 640x360 + FLAC mono + ASS subtitles, 3 s
+  kAv1OpusWebm,        // AV1 + Opus stereo, 3 s
+  kInterlacedMpeg2Ts,  // MPEG-2 720x576 interlaced, top field first + MP2 stereo, 2 s
+  kMpeg4Mp3Avi,        // MPEG-4 part 2 tagged XVID + MP3 stereo, 3 s
   kPhoneVfrMp4,        // H.264 640x360 at a variable frame rate + AAC mono 44.1 kHz
-                       // + mov_text subtitles, 6 s
+                       // + mov_text subtitles, 3 s
   kPhone90Mp4,         // kPhoneVfrMp4 turned by its display matrix: probes as 90
   kPhone270Mp4,        // the same turned the other way: probes as 270
-  kAnamorphicDtsMkv,   // H.264 720x576 with sample aspect 16:15 + DTS 5.1, 6 s
-  kOddSizeMkv,         // H.264 1918x1080 + AAC 7.1, 4 s
+  kAnamorphicDtsMkv,   // H.264 720x576 with sample aspect 16:15 + DTS 5.1, 3 s
+  kOddSizeMkv,         // H.264 1918x1080 + AAC 7.1, 2 s
   kBesideSrt,          // SubRip subtitles beside kH264High10Eac3Mkv
   kGreyClockMp4,     // H.264 320x180 at 30 fps whose whole picture is one grey per second
                      // (luma 64 + 12 * (second mod 12)), + AAC stereo 48 kHz, 60 s
