@@ -3,15 +3,12 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/channel_layout.h>
-#include <libavutil/display.h>
 }
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -151,22 +148,6 @@ TEST(VideoMetaDataProbe, DocumentOfEveryGeneratedFile) {
   }
 }
 
-TEST(VideoMetaDataProbe, LoadFileProbesOncePerPathAndClearsOnFailure) {
-  const std::string first = TestMedia(Media::kH264AacMp4);
-  const std::string second = TestMedia(Media::kVideoOnlyAvi);
-  ProbedMetaData meta;
-  ASSERT_TRUE(meta.LoadFile(first));
-  meta.document["duration"] = 4242u;  // a mark only a second probe would wipe out
-  EXPECT_TRUE(meta.LoadFile(first));
-  EXPECT_FALSE(meta.LoadFile(""));
-  EXPECT_EQ(4242u, meta.GetDuration()) << "probed again, or \"\" dropped the document";
-  ASSERT_TRUE(meta.LoadFile(second));
-  EXPECT_EQ("avi", meta.GetContainer());
-  EXPECT_EQ(0u, meta.document["track_info"]["audio"].size()) << "tracks of the first file kept";
-  EXPECT_FALSE(meta.LoadFile(second + ".missing"));
-  EXPECT_EQ("", meta.GetContainer()) << "a failed load leaves nothing visible";
-}
-
 // Each load runs in a child: one that blocks (a FIFO opened for reading
 // waits for a writer) or crashes fails its row instead of the whole run.
 TEST(VideoMetaDataProbe, LoadFileFailsCleanlyOnBadInput) {
@@ -199,160 +180,6 @@ TEST(VideoMetaDataProbe, LoadFileFailsCleanlyOnBadInput) {
   EXPECT_EQ(R"({"filesize":"4096","path":")" + truncated + "\"}", JsonLine(partial));
   Json::Value list(Json::arrayValue);
   EXPECT_FALSE(VideoMetaData::ReadMetaDataFromFFMPEG(TestMedia(Media::kH264AacMp4), list));
-}
-
-// Streams built by hand in a real format context, for the values no
-// generated file carries.
-class VideoMetaDataStream : public ::testing::Test {
- protected:
-  void SetUp() override { Reset(); }
-  void TearDown() override { avformat_free_context(context_); }
-  void Reset() {
-    avformat_free_context(context_);
-    context_ = avformat_alloc_context();
-    stream_ = avformat_new_stream(context_, nullptr);
-    par_ = stream_->codecpar;
-  }
-
-  AVFormatContext* context_ = nullptr;
-  AVStream* stream_ = nullptr;
-  AVCodecParameters* par_ = nullptr;
-};
-
-TEST_F(VideoMetaDataStream, VideoSizeAspectLevelAndRate) {
-  const struct {
-    int width, height;
-    AVRational codecSar, streamSar;
-    int level;
-    AVRational rate;
-    const char* expected;
-  } rows[] = {
-      // No width: no size, and the height is not believed either.
-      {0, 240, {4, 3}, {4, 3}, -99, {0, 0}, "0x0 0/0 level 0"},
-      {-1, 240, {4, 3}, {4, 3}, -1, {25, 0}, "0x0 0/0 level 0"},
-      // The bitstream's aspect wins over the container's.
-      {320, 240, {16, 11}, {4, 3}, 0, {0, 1}, "320x240 16/11 level 0"},
-      {320, 240, {0, 1}, {4, 3}, 41, {25, 1}, "320x240 4/3 level 41 rate 25.0"},
-      {720, 576, {-1, 1}, {0, 0}, 40, {30000, 1001}, "720x576 0/0 level 40 rate 29.970029830932617"},
-  };
-  for (const auto& row : rows) {
-    Reset();
-    par_->width = row.width;
-    par_->height = row.height;
-    par_->sample_aspect_ratio = row.codecSar;
-    stream_->sample_aspect_ratio = row.streamSar;
-    par_->level = row.level;
-    stream_->avg_frame_rate = row.rate;
-    const Json::Value track = ParseVideoCodec(stream_);
-    std::ostringstream seen;
-    seen << track["resolutionx"].asUInt() << "x" << track["resolutiony"].asUInt() << " "
-         << track["sample_aspect_ratio_num"].asUInt() << "/"
-         << track["sample_aspect_ratio_den"].asUInt() << " level " << track["level"].asInt();
-    if (track.isMember("framerate")) seen << " rate " << JsonLine(track["framerate"]);
-    EXPECT_EQ(row.expected, seen.str()) << row.width << " level " << row.level;
-  }
-}
-
-TEST_F(VideoMetaDataStream, VideoRotationFromTagOrDisplayMatrix) {
-  const struct {
-    const char* tagKey;  // nullptr: no tag
-    const char* tagValue;
-    bool matrix;
-    double matrixDegrees;  // av_display_rotation_set's counter-clockwise angle
-    int expected;
-  } rows[] = {
-      {nullptr, nullptr, false, 0, 0},     {"ROTATE", "180", false, 0, 180},
-      {"rotate", "sideways", false, 0, 0}, {"rotate", "-90", false, 0, -90},
-      {"rotate", "270", true, 90, 270},    {nullptr, nullptr, true, 90, 90},
-      {nullptr, nullptr, true, -90, 270},  {nullptr, nullptr, true, 180, 180},
-      {nullptr, nullptr, true, 45, 45},
-  };
-  for (const auto& row : rows) {
-    Reset();
-    if (row.tagKey) av_dict_set(&stream_->metadata, row.tagKey, row.tagValue, 0);
-    if (row.matrix) {
-      uint8_t* data = av_stream_new_side_data(stream_, AV_PKT_DATA_DISPLAYMATRIX,
-                                              9 * sizeof(int32_t));
-      ASSERT_NE(nullptr, data);
-      av_display_rotation_set(reinterpret_cast<int32_t*>(data), row.matrixDegrees);
-    }
-    EXPECT_EQ(row.expected, ParseVideoCodec(stream_)["rotate"].asInt())
-        << (row.tagValue ? row.tagValue : "no tag") << ", matrix "
-        << (row.matrix ? std::to_string(row.matrixDegrees) : "none");
-  }
-}
-
-TEST_F(VideoMetaDataStream, AudioAndSubtitleFields) {
-  stream_->id = 0x1100;
-  stream_->disposition = AV_DISPOSITION_DEFAULT | AV_DISPOSITION_FORCED;
-  par_->codec_type = AVMEDIA_TYPE_AUDIO;
-  par_->codec_id = AV_CODEC_ID_AAC;
-  par_->profile = FF_PROFILE_AAC_HE;
-  par_->sample_rate = 44100;
-  av_channel_layout_default(&par_->ch_layout, 6);
-  av_dict_set(&stream_->metadata, "Language", "spa", 0);
-  EXPECT_EQ(R"({"channel":6,"channel_layout":"5.1","codec":"aac","codec_raw":"aac",)"
-            R"("is_default":true,"language":"spa","profile":"HE-AAC","sample_rate":44100,)"
-            R"("streamid":4352})",
-            JsonLine(ParseAudioCodec(stream_)));
-  // A codec libavcodec does not describe, and none at all: no crash.
-  stream_->disposition = AV_DISPOSITION_FORCED;
-  par_->codec_id = AV_CODEC_ID_PCM_ZORK;
-  const Json::Value zork = ParseAudioCodec(stream_);
-  EXPECT_EQ("pcm_zork||false", zork["codec"].asString() + "|" + zork["codec_raw"].asString() +
-                                   "|" + (zork["is_default"].asBool() ? "true" : "false"));
-  par_->codec_id = AV_CODEC_ID_NONE;
-  EXPECT_EQ("", ParseAudioCodec(stream_)["codec"].asString());
-  par_->codec_id = AV_CODEC_ID_MOV_TEXT;
-  av_dict_set(&stream_->metadata, "title", "Signs", 0);
-  EXPECT_EQ(R"({"codec":"mov_text","language":"spa","title":"Signs"})",
-            JsonLine(ParseSubtitleCodec(stream_)));
-}
-
-// Accessors answer their default for any document they are handed (a
-// session file another process wrote, a value of an unexpected type); a
-// jsoncpp read of the wrong type would throw.
-std::string Accessed(const VideoMetaData& meta) {
-  std::ostringstream seen;
-  Json::Value video, audio, subtitle;
-  seen << meta.GetContainer() << "|" << meta.GetFilePath() << "|" << meta.GetStartTime() << "|"
-       << meta.GetDuration() << "|" << meta.GetFileSize() << "|" << meta.GetVideoFramerate() << "|"
-       << meta.GetVideoResolutionX() << "x" << meta.GetVideoResolutionY() << "|"
-       << meta.GetVideoRotate() << "|" << meta.GetVideoLevel() << "|" << meta.GetVideoCodecName()
-       << "|" << meta.GetVideoProfile() << "|" << meta.GetVideoRatio() << "|"
-       << meta.GetTrackInfo(video, audio) << meta.GetSubtitleTrackInfo(subtitle)
-       << !meta.GetVideo(1).isNull();
-  return seen.str();
-}
-
-TEST(VideoMetaDataAccessors, DefaultsForWhatIsNotThereOrOfTheWrongType) {
-  const std::string probed =
-      R"({"path":"/v.mkv","filesize":"5000000000","duration":5400,"start_time":2,)"
-      R"("container_type":"mkv","track_info":{"video":[{"codec":"h264","profile":"High",)"
-      R"("level":41,"framerate":23.976,"rotate":90,"resolutionx":1920,"resolutiony":800},)"
-      R"({"codec":"mjpeg"}],"audio":[],"subtitle":[]}})";
-  const struct {
-    std::string document;
-    bool loaded;
-    const char* expected;
-  } rows[] = {
-      {probed, true, "mkv|/v.mkv|2|5400|5000000000|23.976|1920x800|90|41|h264|High|2.4|111"},
-      {probed, false, "||0|0|0|0|0x0|0|0|||1.77|000"},
-      {"[1, 2]", true, "||0|0|0|0|0x0|0|0|||1.77|000"},
-      {R"({"track_info":"none","path":7,"duration":"90","filesize":5000,"start_time":-2})", true,
-       "||0|0|0|0|0x0|0|0|||1.77|000"},
-      {R"({"duration":1e12,"start_time":12.9,"track_info":{"video":[{"rotate":-90,"level":"4",)"
-       R"("framerate":"25","codec":7,"resolutionx":640}]}})",
-       true, "||12|0|0|0|640x0|0|0|||1.77|000"},
-      {R"({"track_info":{"video":{"0":{"codec":"h264"}},"audio":1}})", true,
-       "||0|0|0|0|0x0|0|0|||1.77|000"},
-      {R"({"duration":4294967295,"track_info":{"video":[{"resolutionx":720,"resolutiony":576}]}})",
-       true, "||0|4294967295|0|0|720x576|0|0|||1.25|000"},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.expected, Accessed(orvotest::DocumentMetaData(ParseJson(row.document), row.loaded)))
-        << row.document << " loaded " << row.loaded;
-  }
 }
 
 }  // namespace

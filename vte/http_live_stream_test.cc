@@ -255,55 +255,5 @@ TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheTranscoderListsItWhole) {
   EXPECT_FALSE(fs::exists(stream_->GetSegmentTsPath(2)));
 }
 
-// Copied MP4 video restarts on a jump of more than seven segments either
-// way; every request is remembered, a jump or not.
-TEST_F(HttpLiveStreamTest, OnlyRemuxedMp4SourcesRestartOnAJump) {
-  Session("remux-mp4", Media::kH264AacMp4, kRemux);
-  Session("remux-mkv", Media::kTracksMkv, kRemux);
-  Session("encode-mp4", Media::kH264AacMp4, kEncode);
-  const struct {
-    const char* id;
-    std::vector<std::pair<const char*, bool>> requests;
-  } rows[] = {
-      {"remux-mp4", {{"3", false}, {"11", true}, {"3", true}, {"10", false}, {"2", true}}},
-      {"remux-mkv", {{"0", false}, {"20", false}}},
-      {"encode-mp4", {{"0", false}, {"20", false}}},
-  };
-  for (const auto& row : rows) {
-    HttpLiveStream stream(row.id);
-    for (const auto& [request, seek] : row.requests) {
-      EXPECT_EQ(seek, stream.IsHLSRemuxSeek(request)) << row.id << " request " << request;
-    }
-    EXPECT_EQ(row.requests.back().first, ReadFile(stream.GetVTEFileFullPath("request_fragment_id"))) << row.id;
-  }
-}
-
-// Without a duration there is no playlist to write; without a subtitle id
-// no master playlist.
-TEST_F(HttpLiveStreamTest, PlaylistsNeedADurationAndSubtitlesAMasterPlaylist) {
-  Json::Value params;
-  params["url"] = "/api/stream";
-  params["format"] = "hls";
-  Json::Value noDuration = orvotest::SessionDocument(Media::kH264AacMp4, kEncode);
-  noDuration["duration"] = 0;
-  orvotest::WriteSession("HLS", "unknown", noDuration);
-  HttpLiveStream unknown("unknown");
-  EXPECT_FALSE(unknown.GenVideoPlaylist(params));
-  EXPECT_FALSE(unknown.Init(params, Json::Value(), "", "aac"));
-  EXPECT_FALSE(fs::exists(unknown.GetVTEFileFullPath("unknown.m3u8")));
-  EXPECT_EQ("", HttpLiveStream("").GetMainfest("video", ""));
-
-  Session("s", Media::kH264AacMp4, kRemux);
-  HttpLiveStream stream("s");
-  ASSERT_TRUE(stream.GenVideoPlaylist(params));
-  EXPECT_EQ(stream.GetVTEFileFullPath("s.m3u8"), stream.GetMainfest("", ""));
-  EXPECT_EQ(stream.GetVTEFileFullPath("video.m3u8"), stream.GetMainfest("video", "x"));
-  for (const Json::Value& subtitleId : {Json::Value(), Json::Value(""), Json::Value(3)}) {
-    Json::Value subtitles;
-    if (!subtitleId.isNull()) subtitles["subtitle_id"] = subtitleId;
-    EXPECT_FALSE(stream.GenIndexPlaylist(params, subtitles)) << subtitleId;
-  }
-}
-
 }  // namespace
 }  // namespace LibOrvoVTE

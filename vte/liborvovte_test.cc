@@ -6,9 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/olibc.h"
 #include "tests/support/child.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
 #include "vte/utils/json_utils.h"
@@ -83,30 +81,6 @@ TEST_F(SessionTest, SessionsAreMadeOnDiskAndReadBackInAnotherProcess) {
             orvotest::TextFromChild([&] { return SessionView(id, "HTTP").Derived(); }));
 }
 
-// The space a session asks for shows in the shortage message: 2 GiB for
-// copied HLS video unless the caller says, else 512 MiB.
-TEST_F(SessionTest, SpaceAskedFollowsTypeAndRemux) {
-  EXPECT_EQ(kTransSpaceNotEnough, Create("HLS", "copy", 1ULL << 62));
-  EXPECT_EQ(0xDD00, OLIBCErrGet()) << "a volume, but too full";
-  fs::remove_all(Root().At("/volume1"));
-  const struct {
-    const char *type, *profile;
-    unsigned long long needed;
-    const char* asked;
-  } rows[] = {
-      {"HLS", "copy", 0, "2147483648"}, {"HLS", "copy", 1234, "1234"}, {"HLS", "encode", 1234, "536870912"},
-      {"SS", "copy", 1234, "536870912"}, {"WEBM", "encode", 0, "536870912"},
-  };
-  for (const auto& row : rows) {
-    orvotest::LogCapture log;
-    EXPECT_EQ(kTransSpaceNotEnough, Create(row.type, row.profile, row.needed)) << row.type << row.profile;
-    EXPECT_TRUE(log.Contains(std::string("There are not enough volume space for streaming ") + row.type +
-                             ". Need space [" + row.asked + " bytes]"))
-        << row.type << " " << row.profile << "\n" << log.Dump();
-    EXPECT_EQ(0x8300, OLIBCErrGet()) << "no volume at all";
-  }
-}
-
 // A profile that cannot be read, or an argument missing, leaves no session
 // a later request could use.
 TEST_F(SessionTest, UnusableArgumentsLeaveNoUsableSession) {
@@ -150,13 +124,6 @@ TEST(SessionPlatformTest, HardwareFlagsFollowThePlatform) {
     const std::string derived = SessionView("hw", "HLS").Derived();
     EXPECT_EQ(row.derived, derived.substr(0, derived.find(" ["))) << row.platform << " " << row.profile;
   }
-}
-
-TEST(SessionTrackInfoTest, ProbesVideoAndAudioLists) {
-  Json::Value video, audio;
-  ASSERT_TRUE(VTEStream::GetTrackInfo(orvotest::TestMedia(Media::kTracksMkv), video, audio));
-  EXPECT_EQ("1 2", std::to_string(video.size()) + " " + std::to_string(audio.size()));
-  EXPECT_FALSE(VTEStream::GetTrackInfo(orvotest::TestMedia(Media::kNotMedia), video, audio));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include <signal.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,12 +16,9 @@
 #include "platform/olibc.h"
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
-#include "tests/support/short_waits.h"
 #include "tests/support/test_media.h"
 #include "vte/liborvovte.h"
-#include "vte/utils/json_utils.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -214,30 +210,6 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
   }
 }
 
-TEST_F(OpenChecksTest, LimitAppliesToTranscodingNotToRemux) {
-  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
-  struct Row {
-    const char* profile;
-    int held;  // live software transcoders already registered
-    std::string outcome;
-  } rows[] = {
-      {"encode", 0, "opened"},
-      {"encode", 1, "refused TransEnable"},
-      {"copy", 1, "opened"},  // copying the video takes no transcoder
-  };
-  for (const Row& row : rows) {
-    {
-      LibReelhall::TransLoading registry;
-      registry.RemoveTransPIDLock(getpid());
-      for (int i = 0; i < row.held; ++i) registry.SaveTransPID(getpid(), false, false);
-    }
-    EXPECT_EQ(row.outcome, Open(h264, row.profile, "1")) << row.profile << " held " << row.held;
-    // A successful check reserves nothing.
-    LibReelhall::TransLoading registry;
-    EXPECT_EQ(row.held == 0, registry.TransEnable(false)) << row.profile << " held " << row.held;
-  }
-}
-
 TEST_F(OpenChecksTest, OfflineConversionBlocksUnlessAskedToYield) {
   const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
   StandIn service({"--yield-after", "1"});
@@ -252,78 +224,6 @@ TEST_F(OpenChecksTest, OfflineConversionBlocksUnlessAskedToYield) {
   EXPECT_GE(waited, 1.0) << "the stream waits for the service";
   EXPECT_LT(waited, 10.0);
   EXPECT_EQ(-1, OLIBCReadPidFile(StandIn::PidFile().c_str()));
-}
-
-TEST_F(OpenChecksTest, ServiceThatNeverYieldsIsWaitedForAboutHalfAMinute) {
-  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
-  StandIn service({"--yield-after", "90"});
-  ASSERT_TRUE(service.Ready());
-  ASSERT_TRUE(Create(h264, "encode"));
-  orvotest::ShortWaits shortWaits;
-  const auto start = std::chrono::steady_clock::now();
-  // The conversion still holds the one software slot when the wait ends.
-  EXPECT_EQ("refused TransEnable", Check("", true));
-  const double waited = orvotest::ShortWaits::Seconds(std::chrono::steady_clock::now() - start);
-  EXPECT_GE(waited, 29.0);
-  EXPECT_LT(waited, 45.0);
-  EXPECT_TRUE(service.Running());
-}
-
-TEST_F(OpenChecksTest, BraswellStreamsRunBesideOfflineConversions) {
-  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
-  orvotest::PlatformFiles braswell;
-  braswell.name = "braswell";
-  root_.Play(braswell);
-  StandIn service({"--hardware"});
-  EXPECT_EQ("opened", Open(h264, "pipeline"));
-  EXPECT_TRUE(service.Running() && service.Ready()) << "the service must be left undisturbed";
-}
-
-TEST_F(OpenChecksTest, SessionProblemsRefuse) {
-  const struct {
-    const char* name;
-    std::string id, type, outcome;
-  } rows[] = {
-      {"no id", "", kType, "refused"},
-      {"no type", "some-id", "", "refused"},
-      {"no session", "never-created", kType, "refused"},
-      // What VTE_Init returns when no volume has room.
-      {"no space", kTransSpaceNotEnough, kType, "refused TransSapceNotEnough"},
-  };
-  for (const auto& row : rows) {
-    OpenedStream stream(row.id, row.type);
-    EXPECT_EQ(row.outcome, Outcome(stream.InitStreamCommon("1", false), stream)) << row.name;
-  }
-}
-
-TEST_F(OpenChecksTest, BrokenSessionsRefuseWithoutACodeAndSayWhy) {
-  const std::string h264 = orvotest::TestMedia(Media::kH264AacMp4);
-  struct Row {
-    const char* name;
-    std::function<std::string()> breakSession;  // returns the line to expect
-  } rows[] = {
-      {"session directory gone",
-       [&] {
-         // For every type but HTTP the session path is a link to a volume.
-         const std::string dir = SessionDir();
-         return unlink(dir.c_str()) == 0 ? "Can't file tmp file [" + dir + "]" : "unlink failed";
-       }},
-      {"audio_id unwritable",
-       [&] {
-         const std::string file = SessionFile("audio_id");
-         return mkdir(file.c_str(), 0755) == 0 ? "Failed to save audio ID [1] in [" + file + "]"
-                                               : "mkdir failed";
-       }},
-  };
-  for (const Row& row : rows) {
-    ASSERT_EQ("opened", Open(h264, "encode")) << row.name;
-    OpenedStream stream(id_, kType);
-    const std::string expected = row.breakSession();
-    orvotest::LogCapture logs;
-    EXPECT_EQ("refused", Outcome(stream.InitStreamCommon("1", false), stream)) << row.name;
-    EXPECT_TRUE(logs.Contains("liborvovte:")) << row.name << "\n" << logs.Dump();
-    EXPECT_TRUE(logs.Contains(" " + expected)) << row.name << "\n" << logs.Dump();
-  }
 }
 
 }  // namespace

@@ -24,7 +24,6 @@
 #include "vte/liborvovte.h"
 #include "vte/transcoder_process.h"
 #include "vte/utils/json_utils.h"
-#include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -77,15 +76,6 @@ pid_t SleepOnPid(pid_t wanted) {
   return -1;
 }
 
-// The registry entry of `pid` in the registry file, null when there is none.
-Json::Value RegistryEntry(const std::string& registryFile, int pid) {
-  Json::Value entries;
-  LibReelhall::ReadJsonFromFile(registryFile, entries);
-  for (const Json::Value& entry : entries) {
-    if (entry["PID"].asInt() == pid) return entry;
-  }
-  return Json::Value();
-}
 
 // The seek comes first, the hardware decoding path only where it works
 // (not for flv sources or rotated pictures), both streams chosen explicitly
@@ -178,64 +168,6 @@ TEST(DetachFromCallerTest, KeepsOnlyStdioAndTheNamedDescriptor) {
   for (int fd : {request[0], request[1], kept[0], kept[1]}) close(fd);
 }
 
-// Segments without an explicit audio stream would come out silent; a busy
-// machine admits no other software transcoder.
-TEST(ExecuteTranscodingTest, RefusalsExecuteNothing) {
-  orvotest::MachineRoot root;
-  const struct {
-    std::string type;
-    Media media;
-    long seek;
-    bool busy;
-  } rows[] = {{"SS", Media::kH264AacMp4, -1, false},
-              {"HLS", Media::kVideoOnlyAvi, 0, false},
-              {"SS", Media::kH264AacMp4, 0, true}};
-  for (const auto& row : rows) {
-    orvotest::WriteSession(row.type, "refused", orvotest::SessionDocument(row.media, kEncode));
-    if (row.busy) {
-      root.WriteFile(librh::machine::kLoadRegistry, "[{\"PID\":" + std::to_string(getpid()) +
-                                                        ",\"hardware_transcode\":false}]");
-    }
-    int status = -1;
-    const orvotest::Recording recording = orvotest::RecordStart(
-        root.At("/record"),
-        [&] {
-          return Stream("refused", row.type).ExecuteTranscoding(row.seek, false, {}, "out",
-                                                                 orvotest::StandInProgram());
-        },
-        status);
-    EXPECT_EQ(3, status) << row.type << " seek " << row.seek << " busy " << row.busy;
-    EXPECT_FALSE(recording.written) << row.type << " seek " << row.seek << " busy " << row.busy;
-  }
-}
-
-TEST(ExecuteTranscodingTest, TranscoderIsRegisteredWhileItRunsUnlessItRemuxes) {
-  orvotest::MachineRoot root;
-  const std::string registry = root.At(librh::machine::kLoadRegistry);
-  for (const std::string profile : {kEncode, kRemux}) {
-    orvotest::WriteSession("SS", "registered", orvotest::SessionDocument(Media::kH264AacMp4, profile));
-    orvotest::ArmStandIn(root.At("/record"), 30000);
-    const pid_t transcoder = orvotest::StartChild([] {
-      Stream stream("registered", "SS");
-      stream.ExecuteTranscoding(0, false, {}, "out", orvotest::StandInProgram());
-      return 3;
-    });
-    ASSERT_TRUE(orvotest::ReadRecording(root.At("/record"), 20).written) << profile;
-
-    Json::Value expected;
-    if (profile == kEncode) {
-      expected["PID"] = transcoder;
-      expected["hardware_transcode"] = false;
-      expected["offline_conversion"] = false;
-    }
-    EXPECT_EQ(expected, RegistryEntry(registry, transcoder)) << profile;
-    kill(transcoder, SIGTERM);
-    EXPECT_EQ(SIGTERM, EndingSignal(transcoder, 10)) << profile;
-    { LibReelhall::TransLoading taken; }  // taking the registry drops dead pids
-    EXPECT_TRUE(RegistryEntry(registry, transcoder).isNull()) << profile;
-  }
-}
-
 class MonitorTest : public orvotest::MachineRootTest {
  protected:
   void SetUp() override {
@@ -246,30 +178,6 @@ class MonitorTest : public orvotest::MachineRootTest {
 
   std::string session_;
 };
-
-// Replacing the monitor stops the old one. One that outlives the signal
-// keeps its record; the record goes once it has ended.
-TEST_F(MonitorTest, NewMonitorStopsTheOldOneAndTheRecordEndsWithTheLast) {
-  Stream stream("m", "HLS");
-  EXPECT_FALSE(stream.IsFFmpegRun()) << "no monitor.pid yet";
-  const pid_t first = StartMonitor();
-  ASSERT_TRUE(stream.SaveMonitorPid(first, false));
-  EXPECT_TRUE(stream.IsFFmpegRun());
-  signal(SIGTERM, SIG_IGN);
-  const pid_t stubborn = StartMonitor();
-  signal(SIGTERM, SIG_DFL);
-  ASSERT_TRUE(stream.SaveMonitorPid(stubborn, true));
-  EXPECT_EQ(SIGTERM, EndingSignal(first, 5));
-  EXPECT_EQ(std::to_string(stubborn), RecordedMonitor());
-  // Pid 0 stops the monitor without recording a new one.
-  ASSERT_TRUE(stream.SaveMonitorPid(0, false));
-  EXPECT_TRUE(stream.IsFFmpegRun());
-  kill(stubborn, SIGKILL);
-  EXPECT_EQ(SIGKILL, EndingSignal(stubborn, 5));
-  EXPECT_FALSE(stream.IsFFmpegRun());
-  ASSERT_TRUE(stream.SaveMonitorPid(0, true));
-  EXPECT_EQ("", RecordedMonitor());
-}
 
 // Two requests replacing the monitor at once (say, two seeks): both wait for
 // "filelock", and whoever records second stops the first.

@@ -79,42 +79,6 @@ TEST(TransLoadingTest, EntriesAreWrittenOpenToAllAndGoWithTheirProcessOrSession)
   EXPECT_EQ("[]\n", Registry());
 }
 
-// Whatever the file holds, taking the registry neither crashes nor trusts
-// what is not an entry (flags count only as booleans), and the next write
-// leaves a valid registry.
-TEST(TransLoadingTest, SurvivesWhateverTheFileHolds) {
-  orvotest::MachineRoot root;
-  const std::string me = std::to_string(getpid());
-  const std::string odd = "{\"PID\":" + me + ",\"hardware_transcode\":\"false\",\"offline_conversion\":\"true\"}";
-  const std::string converting = Entry(getpid(), false, true);
-  const struct {
-    std::string content, kept;
-    bool admitsSoftware, offline;
-  } rows[] = {
-      {"", "", true, false},
-      {"null", "", true, false},
-      {"{{ PID", "", true, false},
-      {"{\"PID\":" + me + ",\"hardware_transcode\":false}", "", true, false},
-      {"[5,\"x\",null,[1],{\"hardware_transcode\":false},{\"PID\":\"" + me +
-           "\"},{\"PID\":1.5},{\"PID\":-3}," + odd + "]",
-       odd, true, false},
-      {"[" + converting + "]", converting, false, true},
-  };
-  for (const auto& row : rows) {
-    root.WriteFile(machine::kLoadRegistry, row.content);
-    {
-      TransLoading registry;
-      EXPECT_EQ(row.admitsSoftware, registry.TransEnable(false)) << row.content;
-      EXPECT_EQ(row.offline, registry.IsOffineConverting()) << row.content;
-      registry.SaveTransPID(getppid(), true, false);
-    }
-    const std::string added = Entry(getppid(), true, false);
-    EXPECT_EQ(orvotest::JsonLine(orvotest::ParseJson("[" + row.kept + (row.kept.empty() ? "" : ",") + added + "]")),
-              orvotest::JsonLine(orvotest::ParseJson(Registry())))
-        << row.content;
-  }
-}
-
 // A pipe the children inherit: closing the parent's end releases them all
 // at once.
 struct Gate {
