@@ -120,17 +120,5 @@ TEST(GstreamerElementsTest, AudioPadOfTheDemuxer) {
   }
 }
 
-TEST(GstreamerElementsTest, FFmpegMapOfVideoAndAudio) {
-  const std::vector<Json::Value> two = {Track("1", "mp3"), Track("2", "aac")};
-  EXPECT_EQ("-map 0:0 -map 0:2", JoinWords(File("avi", "h264", two).GetVideoAudioMap("2")));
-  EXPECT_EQ("-map 0:0 -map 0:1", JoinWords(File("avi", "h264", two).GetVideoAudioMap("")));
-  EXPECT_EQ("", JoinWords(File("avi", "h264", two).GetVideoAudioMap("5")));
-  EXPECT_EQ("", JoinWords(File("avi").GetVideoAudioMap("")));
-  Json::Value noVideo;
-  noVideo["track_info"]["video"] = Json::arrayValue;
-  noVideo["track_info"]["audio"].append(Track("1", "mp3"));
-  EXPECT_EQ("", JoinWords(ArgumentHelper(orvotest::DocumentMetaData(noVideo)).GetVideoAudioMap("1")));
-}
-
 }  // namespace
 }  // namespace LibOrvoVTE

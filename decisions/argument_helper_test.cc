@@ -2,17 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 
-#include "platform/machine_root.h"
 #include "tests/support/documents.h"
 #include "tests/support/machine_root.h"
 
 namespace LibOrvoVTE {
 namespace {
 
-namespace machine = librh::machine;
 using orvotest::DocumentMetaData;
 
 // A Matroska file with the video tracks `video` and the audio list `audio`.
@@ -151,43 +148,6 @@ TEST(ArgumentHelperTest, AudioTrackByIdAndTheAudioListsShape) {
     EXPECT_EQ(shape.zeroAudio, lists.ZeroAudioTrack()) << shape.document;
     EXPECT_EQ(shape.firstTrack, lists.AbleToDecodeAudio("")) << shape.document;
     EXPECT_FALSE(lists.DoesAudioCodecMatch("1", "")) << shape.document;
-  }
-}
-
-// The switch and the custom FFmpeg are read on every question, so an
-// administrator's change applies to the next stream.
-TEST(ArgumentHelperTest, RestrictedAudioNeedsTheCodecSwitchOrACustomFFmpeg) {
-  orvotest::MachineRoot root;
-  const struct {
-    const char* codecsConf;  // nullptr: no file
-    bool customFFmpeg;
-    const char* codec;
-    bool expected;
-  } rows[] = {
-      {nullptr, false, "dts", false},         {nullptr, false, "eac3", false},
-      {nullptr, false, "truehd", false},      {nullptr, false, "ac3", true},
-      {nullptr, false, "DTS", true},          {"support_codec_dts=\"no\"\n", false, "dts", false},
-      {"support_codec_dts=yes\n", false, "dts", true},
-      {"support_codec_dts=\"yes\"\n", false, "truehd", true},
-      {"support_codec_dts=\"yesno\"\n", false, "eac3", false},
-      {"other_key=\"yes\"\n", false, "dts", false},
-      {"support_codec_dts=\"no\"\n", true, "eac3", true},
-  };
-  ArgumentHelper helper{DocumentMetaData(File("{}", kAudioTracks))};
-  for (const auto& row : rows) {
-    std::error_code ignored;
-    std::filesystem::remove(root.At(machine::kCodecsConf), ignored);
-    std::filesystem::remove(root.At(machine::kSystemFFmpeg), ignored);
-    if (row.codecsConf != nullptr) root.WriteFile(machine::kCodecsConf, row.codecsConf);
-    if (row.customFFmpeg) root.WriteFile(machine::kSystemFFmpeg, "#!/bin/sh\n");
-    const std::string input = std::string(row.codecsConf ? row.codecsConf : "no codecs.conf") +
-                              (row.customFFmpeg ? " custom ffmpeg " : " ") + row.codec;
-    EXPECT_EQ(row.expected, ArgumentHelper::AbleToDecodeAudioByCodec(row.codec)) << input;
-    // Tracks are judged by their codec; a missing track never decodes.
-    if (std::string(row.codec) == "dts") {
-      EXPECT_EQ(row.expected, helper.AbleToDecodeAudioById("4")) << input;
-    }
-    EXPECT_FALSE(helper.AbleToDecodeAudioById("7")) << input;
   }
 }
 

@@ -159,6 +159,18 @@ TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStarted) {
   EXPECT_FALSE(stream.VerifyFragmentIsReady("", 0));
 }
 
+// No transcoder runs, so a whole fragment is served at once; one cut short
+// by a full volume (its mdat announces more than the file holds) is removed.
+TEST_F(SmoothRequests, ReadFragmentServesWholeFragmentsOnly) {
+  SmoothStream stream("req");
+  Stage("0", {0});
+  const std::string path = File("smooth/" + Fragment("video", "0"));
+  EXPECT_EQ(stream.ReadFragment(Fragment("video", "0")), path);
+  std::ofstream(path, std::ios::app) << std::string("\0\0\0\x64mdat", 8) << "short";
+  EXPECT_EQ(stream.ReadFragment(Fragment("video", "0")), "");
+  EXPECT_FALSE(fs::exists(path));
+}
+
 TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
   StagedSmooth stream("req");
   for (bool hardware : {true, false}) {
