@@ -65,6 +65,8 @@ class SessionTest : public orvotest::MachineRootTest {
 TEST_F(SessionTest, SessionsAreMadeOnDiskAndReadBackInAnotherProcess) {
   const std::string id = Create("HTTP", "encode");
   EXPECT_TRUE(std::regex_match(id, std::regex(LibReelhall::GetMD5(clip_) + "_[0-9]+"))) << id;
+  // Every digest is 32 hex digits, one starting with a zero byte too.
+  EXPECT_EQ("0019d23bef56a136a1891211d7007f6f", LibReelhall::GetMD5(std::string(100000, '\0')));
   EXPECT_TRUE(fs::is_directory(fs::symlink_status(SessionPath("HTTP", id))));
   for (const std::string type : {"HLS", "SS", "WEBM"}) {
     const std::string link = SessionPath(type, "fixed");
