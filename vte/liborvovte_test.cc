@@ -20,16 +20,13 @@ using orvotest::Media;
 
 constexpr char kCopyProfile[] = "-vcodec copy -bsf:v h264_mp4toannexb -acodec aac";
 constexpr char kEncodeProfile[] = "-vcodec libx264 -s hd720 -acodec aac";
-constexpr char kEvansportProfile[] = "-vcodec h264_smd -s hd720 -acodec aac";
-constexpr char kPipelineProfile[] = "vaapih264enc rate-control=cbr ! h264parse";
 
 // Exposes what a stream derived from its session.
 class SessionView : public VTEStream {
  public:
   SessionView(const std::string& id, const std::string& type) : VTEStream(id, type) {}
   std::string Derived() const {
-    return std::string(remux_ ? "remux" : "transcode") + (hardware_ ? " hw" : "") +
-           (gstreamer_ ? " gst" : "") + " [" + profileArgs_ + "] " + metadata_.GetProfileKey() +
+    return std::string(remux_ ? "remux" : "transcode") + " [" + profileArgs_ + "] " + metadata_.GetProfileKey() +
            " " + metadata_.GetDevice() + " " + metadata_.GetFilePath();
   }
 };
@@ -41,8 +38,7 @@ class SessionTest : public orvotest::MachineRootTest {
     clip_ = orvotest::TestMedia(Media::kH264AacMp4);
     profiles_ = Root().At("/profiles.json");
     std::ofstream(profiles_) << "{\"copy\": \"" << kCopyProfile << "\", \"encode\": \"" << kEncodeProfile
-                             << "\", \"evansport\": \"" << kEvansportProfile << "\", \"pipeline\": \""
-                             << kPipelineProfile << "\"}\n";
+                             << "\"}\n";
   }
   std::string Create(const std::string& type, const std::string& profile,
                      unsigned long long neededBytes = 0, const std::string& streamId = "") {
@@ -102,30 +98,6 @@ TEST_F(SessionTest, UnusableArgumentsLeaveNoUsableSession) {
     EXPECT_EQ("transcode [] ", SessionView("bad", row.type).Derived().substr(0, 13)) << row.file;
   }
   EXPECT_FALSE(fs::exists(SessionPath("HLS", "bad") + "/video_metadata"));
-}
-
-TEST(SessionPlatformTest, HardwareFlagsFollowThePlatform) {
-  const struct {
-    const char *platform, *profile, *derived;
-  } rows[] = {
-      {"evansport", "evansport", "transcode hw"}, {"evansport", "pipeline", "transcode"},
-      {"braswell", "pipeline", "transcode hw gst"}, {"monaco", "pipeline", "transcode hw gst"},
-      {"braswell", "encode", "transcode"},        {"x86", "pipeline", "transcode"},
-  };
-  for (const auto& row : rows) {
-    orvotest::PlatformFiles platform;
-    platform.name = row.platform;
-    orvotest::MachineRoot root(platform);
-    const std::string profiles = root.At("/profiles.json");
-    std::ofstream(profiles) << "{\"evansport\": \"" << kEvansportProfile << "\", \"pipeline\": \""
-                            << kPipelineProfile << "\", \"encode\": \"" << kEncodeProfile << "\"}";
-    Json::Value params;
-    params["stream_id"] = "hw";
-    ASSERT_EQ("hw", VTEStream::VTE_Init(orvotest::TestMedia(Media::kH264AacMp4), "HLS", params, profiles,
-                                        row.profile, "", 0));
-    const std::string derived = SessionView("hw", "HLS").Derived();
-    EXPECT_EQ(row.derived, derived.substr(0, derived.find(" ["))) << row.platform << " " << row.profile;
-  }
 }
 
 }  // namespace

@@ -169,13 +169,12 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
       {"evansport", "encode", mjpeg, "opened"},
       {"braswell", "pipeline", vp9, "opened"},  // its pipeline choice decides instead
   };
-  int number = 0;
   for (const auto& row : rows) {
     orvotest::PlatformFiles files;
     files.name = row.platform;
     root_.Play(files);
     EXPECT_EQ(row.outcome, Open(Media::kH264AacMp4, row.profile, "", false, row.change))
-        << "row " << number++ << ": " << row.platform << " " << row.profile;
+        << row.platform << " " << row.profile << ", expected " << row.outcome;
   }
 }
 
