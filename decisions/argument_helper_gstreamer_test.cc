@@ -1,25 +1,17 @@
 #include <gtest/gtest.h>
-#include <syslog.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "decisions/argument_helper.h"
+#include "tests/support/documents.h"
 #include "tests/support/launchers.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 
 namespace LibOrvoVTE {
 namespace {
 
-class Loaded : public VideoMetaData {
- public:
-  explicit Loaded(const Json::Value& doc) {
-    document = doc;
-    loaded = true;
-  }
-};
+using orvotest::JoinWords;
 
 Json::Value Track(const std::string& id, const std::string& codec, int streamId = 0) {
   Json::Value track;
@@ -30,108 +22,82 @@ Json::Value Track(const std::string& id, const std::string& codec, int streamId 
 }
 
 // A file in `container` with one `videoCodec` track of `profile`, then `audio`.
-Json::Value File(const std::string& container, const std::string& videoCodec = "h264",
-                 const std::vector<Json::Value>& audio = {}, const std::string& profile = "") {
+ArgumentHelper File(const std::string& container, const std::string& videoCodec = "h264",
+                    const std::vector<Json::Value>& audio = {}, const std::string& profile = "") {
   Json::Value doc;
   doc["container_type"] = container;
   doc["track_info"]["video"][0u] = Track("0", videoCodec);
   doc["track_info"]["video"][0u]["profile"] = profile;
   doc["track_info"]["audio"] = Json::arrayValue;
   for (const Json::Value& track : audio) doc["track_info"]["audio"].append(track);
-  return doc;
+  return ArgumentHelper(orvotest::DocumentMetaData(doc));
 }
 
-std::string Unhandled(const char* kind, int line, const std::string& codec) {
-  return "argument_helper:" + std::to_string(line) + " Unhandled Gstreamer " + kind +
-         " Decoder: " + codec + ", use decodebin";
-}
-
-TEST(GstreamerElementsTest, DemuxerByContainerFirstKeyWins) {
+// Demuxer, then video decoder. The first container key that matches wins
+// ("mpegts" holds "mpeg"); decodebin decodes too, so nothing follows it.
+TEST(GstreamerElementsTest, DemuxerAndVideoDecoderByContainerCodecAndPlatform) {
+  const struct {
+    const char* platform;
+    const char* container;
+    const char* codec;
+    const char* profile;
+    const char* words;
+  } rows[] = {
+      {"x86", "mov,mp4,m4a,3gp,3g2,mj2", "h264", "", "qtdemux name=demux ! queue ! | avdec_h264"},
+      {"x86", "mpegts", "mpeg2", "", "tsdemux name=demux ! queue ! | avdec_mpeg2video"},
+      {"x86", "mpeg", "wmv3", "", "mpegpsdemux name=demux ! queue ! | vc1parse ! queue ! avdec_wmv3"},
+      {"x86", "rm", "rv40", "", "rmdemux name=demux ! queue ! | avdec_rv40"},
+      {"x86", "ogg", "h264", "", "decodebin name=demux ! queue ! | "},
+      {"x86", "flv", "hevc", "", "flvdemux name=demux ! queue ! | decodebin"},
+      {"x86", "avi", "vp9", "", "avidemux name=demux ! queue ! | decodebin"},
+      {"x86", "asf", "vc1", "Advanced", "asfdemux name=demux ! queue ! | vc1parse ! queue ! avdec_vc1"},
+      {"braswell", "asf", "vc1", "Advanced",
+       "asfdemux profile=Advanced name=demux ! queue ! | vc1parse ! queue ! vaapidecode"},
+      {"braswell", "asf", "h264", "", "asfdemux name=demux ! queue ! | h264parse ! queue ! vaapidecode"},
+      {"braswell", "matroska,webm", "mpeg2", "",
+       "matroskademux name=demux ! queue ! | mpegvideoparse ! queue ! decodebin"},
+      {"braswell", "avi", "hevc", "", "avidemux name=demux ! queue ! | h265parse ! queue ! avdec_h265"},
+      {"monaco", "avi", "mpeg4", "", "avidemux name=demux ! queue ! | stvideo"},
+      {"monaco", "avi", "wmv3", "", "avidemux name=demux ! queue ! | vc1parse ! queue ! stvideo"},
+  };
   orvotest::MachineRoot root;
-  const char* rows[][2] = {
-      {"mov,mp4,m4a,3gp,3g2,mj2", "qtdemux"}, {"mpegts", "tsdemux"}, {"mpeg", "mpegpsdemux"},
-      {"asf", "asfdemux"}, {"matroska,webm", "matroskademux"}, {"rm", "rmdemux"},
-      {"avi", "avidemux"}, {"flv", "flvdemux"}, {"ogg", "decodebin"},
-  };
   for (const auto& row : rows) {
-    ArgumentHelper helper{Loaded(File(row[0], "h264", {}, "Main"))};
-    EXPECT_EQ(std::string(row[1]) + " name=demux ! queue !", orvotest::JoinWords(helper.GetGstreamDemuxer()))
-        << row[0];
-    // decodebin decodes as well, so no video decoder may follow it.
-    EXPECT_EQ(row[1] == std::string("decodebin"), helper.GetGstreamVideoArgument().empty())
-        << row[0];
-  }
-}
-
-TEST(GstreamerElementsTest, VideoDecoderByPlatform) {
-  const char* rows[][4] = {
-      // codec, x86, Braswell, Monaco
-      {"h264", "avdec_h264", "h264parse ! queue ! vaapidecode", "stvideo"},
-      {"wmv3", "vc1parse ! queue ! avdec_wmv3", "vc1parse ! queue ! vaapidecode",
-       "vc1parse ! queue ! stvideo"},
-      {"rv40", "avdec_rv40", "avdec_rv40", "avdec_rv40"},
-      {"mpeg4", "avdec_mpeg4", "avdec_mpeg4", "stvideo"},
-      {"mpeg2", "avdec_mpeg2video", "mpegvideoparse ! queue ! decodebin", "stvideo"},
-      {"vc1", "vc1parse ! queue ! avdec_vc1", "vc1parse ! queue ! vaapidecode",
-       "vc1parse ! queue ! stvideo"},
-      {"hevc", "decodebin", "h265parse ! queue ! avdec_h265", "stvideo"},
-      {"vp9", "decodebin", "decodebin", "decodebin"},
-  };
-  const char* platforms[] = {"", "x86", "braswell", "monaco"};
-  for (int column = 1; column <= 3; ++column) {
-    const std::string name = platforms[column];
     orvotest::PlatformFiles platform;
-    platform.name = name;
-    orvotest::MachineRoot root(platform);
-    orvotest::LogCapture log;
-    for (const auto& row : rows) {
-      ArgumentHelper helper{Loaded(File("avi", row[0]))};
-      helper.GetGstreamDemuxer();
-      EXPECT_EQ(row[column], orvotest::JoinWords(helper.GetGstreamVideoArgument())) << name << " " << row[0];
-    }
-    EXPECT_TRUE(log.Lines().size() == 1 && log.Has(LOG_ERR, Unhandled("Video", 344, "vp9")))
-        << log.Dump();
-    // Only Braswell's ASF demuxer is told the video profile, when known.
-    ArgumentHelper asf{Loaded(File("asf", "vc1", {}, "Advanced"))};
-    EXPECT_EQ(name == "braswell" ? "asfdemux profile=Advanced name=demux ! queue !"
-                                 : "asfdemux name=demux ! queue !",
-              orvotest::JoinWords(asf.GetGstreamDemuxer()))
-        << name;
-    EXPECT_EQ("asfdemux name=demux ! queue !",
-              orvotest::JoinWords(ArgumentHelper{Loaded(File("asf", "vc1"))}.GetGstreamDemuxer()))
-        << name;
+    platform.name = row.platform;
+    root.Play(platform);
+    ArgumentHelper helper = File(row.container, row.codec, {}, row.profile);
+    const std::string demuxer = JoinWords(helper.GetGstreamDemuxer());
+    EXPECT_EQ(row.words, demuxer + " | " + JoinWords(helper.GetGstreamVideoArgument()))
+        << row.platform << " " << row.container << " " << row.codec << " " << row.profile;
   }
 }
 
-TEST(GstreamerElementsTest, AudioDecoderByCodec) {
+// Copied audio needs only a parser, except MPEG audio, which is decoded.
+TEST(GstreamerElementsTest, AudioDecoderByCodecAndContainer) {
   orvotest::MachineRoot root;
-  const char* rows[][4] = {
-      // codec, container, parse only ("p"), words
-      {"ac3", "mpeg", "", "ac3parse ! avdec_ac3 !"},   {"ac3", "mpeg", "p", "ac3parse"},
-      {"eac3", "mpegts", "", "ac3parse ! avdec_eac3 !"}, {"eac3", "mpegts", "p", "ac3parse"},
-      {"aac", "avi", "", "aacparse ! avdec_aac !"},     {"aac", "avi", "p", "aacparse"},
-      {"mp2", "mpeg", "p", "mpegaudioparse ! avdec_mp2float !"},
-      {"mp3", "avi", "p", "mpegaudioparse ! avdec_mp3 !"},
-      {"wmapro", "asf", "p", "avdec_wmapro !"},      {"wmapro", "avi", "", "decodebin !"},
+  const struct {
+    const char* codec;
+    const char* container;
+    bool parseOnly;
+    const char* words;
+  } rows[] = {
+      {"ac3", "mpeg", false, "ac3parse ! avdec_ac3 !"}, {"eac3", "mpegts", true, "ac3parse"},
+      {"aac", "avi", true, "aacparse"},                 {"mp2", "mpeg", true, "mpegaudioparse ! avdec_mp2float !"},
+      {"wmapro", "asf", true, "avdec_wmapro !"},        {"wmapro", "avi", false, "decodebin !"},
   };
-  orvotest::LogCapture log;
   for (const auto& row : rows) {
-    ArgumentHelper helper{Loaded(File(row[1]))};
-    EXPECT_EQ(row[3], orvotest::JoinWords(helper.GetGstreamAudioDecoder(row[0], *row[2] == 'p')))
-        << row[0] << " in " << row[1] << " parse only '" << row[2] << "'";
+    EXPECT_EQ(row.words, JoinWords(File(row.container).GetGstreamAudioDecoder(row.codec, row.parseOnly)))
+        << row.codec << " in " << row.container << " parse only " << row.parseOnly;
   }
-  EXPECT_TRUE(log.Lines().size() == 1 && log.Has(LOG_ERR, Unhandled("Audio", 431, "wmapro")))
-      << log.Dump();
-
-  ArgumentHelper helper{Loaded(File("mpegts", "h264", {Track("1", "aac"), Track("2", "ac3")}))};
-  EXPECT_EQ("! queue ! ac3parse", orvotest::JoinWords(helper.GetGstreamAudioArgument("2", true)));
-  EXPECT_EQ("", orvotest::JoinWords(helper.GetGstreamAudioArgument("3", false)));
+  ArgumentHelper helper = File("mpegts", "h264", {Track("1", "aac"), Track("2", "ac3")});
+  EXPECT_EQ("! queue ! ac3parse", JoinWords(helper.GetGstreamAudioArgument("2", true)));
+  EXPECT_EQ("", JoinWords(helper.GetGstreamAudioArgument("3", false)));
 }
 
 TEST(GstreamerElementsTest, AudioPadOfTheDemuxer) {
   const std::vector<Json::Value> ps = {Track("1", "ac3", 128), Track("2", "mp2", 448)};
   const std::vector<Json::Value> mkv = {Track("1", "aac", 1), Track("2", "ac3", 2)};
-  struct Row {
+  const struct {
     const char* container;
     std::vector<Json::Value> audio;
     const char* id;
@@ -148,28 +114,9 @@ TEST(GstreamerElementsTest, AudioPadOfTheDemuxer) {
       {"matroska,webm", mkv, "9", "demux."},
       {"flv", mkv, "2", "demux."},
   };
-  for (const Row& row : rows) {
-    ArgumentHelper helper{Loaded(File(row.container, "h264", row.audio))};
-    EXPECT_EQ(row.pad, helper.GetGstreamAudioMap(row.id)) << row.container << " id " << row.id;
-  }
-}
-
-TEST(GstreamerElementsTest, FFmpegMapOfVideoAndAudio) {
-  const Json::Value twoTracks = File("avi", "h264", {Track("1", "mp3"), Track("2", "aac")});
-  Json::Value noVideo = twoTracks;
-  noVideo["track_info"]["video"] = Json::arrayValue;
-  struct Row {
-    Json::Value doc;
-    const char* id;
-    const char* map;
-  } rows[] = {
-      {twoTracks, "2", "-map 0:0 -map 0:2"}, {twoTracks, "", "-map 0:0 -map 0:1"},
-      {twoTracks, "5", ""},                  {File("avi"), "", ""},
-      {noVideo, "2", ""},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(row.map, orvotest::JoinWords(ArgumentHelper{Loaded(row.doc)}.GetVideoAudioMap(row.id)))
-        << "id " << row.id << " in " << row.doc.toStyledString();
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.pad, File(row.container, "h264", row.audio).GetGstreamAudioMap(row.id))
+        << row.container << " id " << row.id;
   }
 }
 

@@ -7,9 +7,7 @@
 #include <cerrno>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -45,21 +43,6 @@ bool NoChildren() {
   return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
 }
 
-TEST(OLIBCExecTest, PassesTheExitStatusThrough) {
-  struct Case {
-    const char* script;
-    int expected;
-  } cases[] = {
-      {"exit 0", 0}, {"exit 1", 1}, {"exit 42", 42}, {"exit 255", 255},
-      // Killed by a signal: there is no exit status to give.
-      {"kill -9 $$", -1},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(OLIBCExec("/bin/sh", "-c", c.script, nullptr, nullptr), c.expected) << c.script;
-  }
-  EXPECT_TRUE(NoChildren());
-}
-
 TEST(OLIBCExecTest, ReportsAProgramThatCannotStartAtOnceAndReapsIt) {
   orvotest::MachineRoot root;
   const std::string notExecutable = root.At("/script.sh");
@@ -87,24 +70,6 @@ TEST(OLIBCExecTest, ReportsAProgramThatCannotStartAtOnceAndReapsIt) {
   EXPECT_EQ(OLIBCExecv("/bin/true", noArgs, 1), -1);
   EXPECT_EQ(OLIBCExecv(nullptr, noArgs, 1), -1);
   EXPECT_EQ(OLIBCErrGet(), EINVAL);
-}
-
-TEST_F(ProcessTest, ExecPassesArgumentsVerbatimWithoutAShell) {
-  const std::string out = Root().At("/out.txt");
-  const char* const argv[] = {"printf", "<%s>\\n",    "two words", "it's \"quoted\"",
-                              "a; rm -rf x", "$HOME",  "*",         "",
-                              nullptr};
-  int result = 0;
-  std::string printed =
-      CaptureStdout(out, [&] { return OLIBCExecv("/usr/bin/printf", argv, 1); }, &result);
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(printed, "<two words>\n<it's \"quoted\">\n<a; rm -rf x>\n<$HOME>\n<*>\n<>\n");
-
-  // The four-argument form stops at the first null.
-  printed = CaptureStdout(
-      out, [] { return OLIBCExec("/usr/bin/printf", "[%s]", "a b", nullptr, "unused"); }, &result);
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(printed, "[a b]");
 }
 
 TEST_F(ProcessTest, ExecChildGetsNullStdinAndNoStrayDescriptors) {
@@ -185,29 +150,6 @@ TEST_F(ProcessTest, DetachedExecLeavesNothingToReap) {
   EXPECT_TRUE(NoChildren());
 }
 
-TEST_F(ProcessTest, ForkChildNoWaitRunsADetachedChild) {
-  const std::string report = Root().At("/child.txt");
-  const pid_t caller = getpid();
-  int result = OLIBCProcForkChildNoWait();
-  if (result == 0) {
-    // The detached child: report who it is and who its parent is, then leave
-    // without running anything of the test framework.
-    std::ofstream(report + ".tmp") << getpid() << " " << getppid() << "\n";
-    rename((report + ".tmp").c_str(), report.c_str());
-    _exit(0);
-  }
-  ASSERT_EQ(result, 1);
-  EXPECT_TRUE(NoChildren());
-  ASSERT_TRUE(orvotest::WaitForPath(report, 10000));
-  std::istringstream text(toolkit::ReadWholeFile(report));
-  pid_t childPid = 0;
-  pid_t childParent = 0;
-  text >> childPid >> childParent;
-  EXPECT_GT(childPid, 0);
-  EXPECT_NE(childPid, caller);
-  EXPECT_NE(childParent, caller) << "the child must not be the caller's own child";
-}
-
 TEST(OLIBCProcAliveTest, TellsRunningFromEndedProcesses) {
   EXPECT_TRUE(OLIBCProcAlive(getpid()));
   EXPECT_TRUE(OLIBCProcAlive(1));
@@ -229,18 +171,6 @@ TEST(OLIBCProcAliveTest, TellsRunningFromEndedProcesses) {
 
   EXPECT_EQ(orvotest::WaitForChild(sleeper, 10), -1);  // killed by SIGTERM
   EXPECT_FALSE(OLIBCProcAlive(sleeper)) << "reaped";
-}
-
-TEST(OLIBCErrTest, EachThreadHasItsOwnSlot) {
-  OLIBCErrSet(0x2900);
-  int seenInChildThread = -1;
-  std::thread other([&] {
-    seenInChildThread = OLIBCErrGet();
-    OLIBCErrSet(0xDD00);
-  });
-  other.join();
-  EXPECT_EQ(seenInChildThread, 0);
-  EXPECT_EQ(OLIBCErrGet(), 0x2900);
 }
 
 }  // namespace

@@ -40,11 +40,7 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
   orvotest::MachineRoot root;
   const std::string program = orvotest::StandInProgram();
   const std::string clip = "location=" + orvotest::TestMedia(Media::kH264AacMp4);
-  const std::string rotated = "location=" + orvotest::TestMedia(Media::kRotatedMp4);
   const std::string tracks = "location=" + orvotest::TestMedia(Media::kTracksMkv);
-  const std::string videoOnly = "location=" + orvotest::TestMedia(Media::kVideoOnlyAvi);
-  const Words mp4Demuxer = {"qtdemux", "name=demux", "!", "queue", "!"};
-  const Words braswellH264 = {"h264parse", "!", "queue", "!", "vaapidecode", "!"};
   const Words verbatimChain = {"vaapipostproc", "width=1280", "@VERTICAL@", "!", "videoflip",
                                "!", "vaapih264enc", "!", "h264parse"};
   // The pipe may well be close-on-exec; naming it passes it anyway.
@@ -53,7 +49,6 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
   const Words sink = {"fdsink", "fd=" + std::to_string(pipeFds[1])};
   const Words muxToSink = Cat({{"name=mux", "!", "queue", "!"}, sink});
   const Words aacDecoder = {"!", "queue", "!", "aacparse", "!", "avdec_aac", "!"};
-  const Words profileAudio = {"audioconvert", "!", "avenc_aac"};
   struct Case {
     std::string name, platform;
     Media media;
@@ -63,13 +58,6 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
     bool fourK;
     Words expected;
   } cases[] = {
-      {"braswell 4K rotated", "braswell", Media::kRotatedMp4, 0, true, "", "", "", "", true,
-       Cat({{program, "-f", "-s", "0", "filesrc", rotated, "!"}, mp4Demuxer, braswellH264,
-            {"videorate", "!", "video/x-raw,framerate=24/1", "!"},
-            {"vaapipostproc", "width=1280", "vertical-video=true", "!", "videoflip", "method=1",
-             "!", "vaapih264enc", "!", "h264parse"},
-            kQueue, {"mpegtsmux", "shift-pts=0"}, muxToSink, {"demux.audio_0"}, aacDecoder,
-            profileAudio, kQueue, {"mux."}})},
       {"monaco asf for a casting device", "monaco", Media::kH264AacMp4, 5, true, "asf",
        "chromecast", "", "aac", false,
        Cat({{program, "-f", "-S", "5", "filesrc", clip, "!", "asfdemux", "name=demux", "!",
@@ -79,11 +67,6 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
             {"audioconvert", "!", "audio/x-raw,channels=2", "!", "faac", "rate-control=ABR", "!",
              "queue", "!", "aacparse"},
             kQueue, {"mux."}})},
-      {"video only", "braswell", Media::kVideoOnlyAvi, 0, true, "", "", "", "", false,
-       Cat({{program, "-f", "-s", "0", "filesrc", videoOnly, "!", "avidemux", "name=demux", "!",
-             "queue", "!", "avdec_mpeg4", "!", "vaapipostproc", "width=1280", "!",
-             "vaapih264enc", "!", "h264parse"},
-            kQueue, {"mpegtsmux", "shift-pts=0"}, muxToSink})},
       {"copied AC-3", "x86", Media::kTracksMkv, 0, false, "", "", "2", "ac3_copy", false,
        Cat({{program, "-f", "-s", "0", "filesrc", tracks, "!", "matroskademux", "name=demux",
              "!", "queue", "!", "avdec_h264", "!"},
@@ -120,47 +103,6 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
   }
   close(pipeFds[0]);
   close(pipeFds[1]);
-}
-
-// Pipelines the element choice only rarely produces.
-TEST(GstreamerPipelineTest, DecodebinRotationsAndMissingAudio) {
-  transcoder::PipelineParts parts;
-  parts.program = "gst";
-  parts.filePath = "f";
-  parts.profileArgs = "enc$aenc$matroskamux";
-  parts.demuxer = {"decodebin", "name=demux", "!", "queue", "!"};
-  parts.demuxByDecodebin = true;
-  parts.shiftTimestamps = true;
-  parts.sink = {"filesink", "location=o"};
-  parts.audioMap = "demux.";
-  parts.audioDecoding = {"!", "queue", "!", "ac3parse"};
-  parts.copyAudio = true;
-  const Words video = Cat({{"gst", "-f", "-s", "0", "filesrc", "location=f", "!"}, parts.demuxer,
-                           {"enc"}, kQueue, {"matroskamux", "name=mux", "!", "queue", "!"},
-                           parts.sink});
-  // decodebin hands over decoded audio, so even a "copy" is encoded.
-  EXPECT_EQ(Cat({video, {"demux.", "!", "queue", "!", "ac3parse", "aenc"}, kQueue, {"mux."}}),
-            transcoder::GstreamerArguments(parts));
-  parts.audioMap = "";
-  EXPECT_EQ(video, transcoder::GstreamerArguments(parts)) << "no audio branch";
-
-  parts.braswell = true;
-  parts.profileArgs = "@VERTICAL@ videoflip ! enc$aenc$matroskamux";
-  struct Case {
-    unsigned int rotation;
-    Words chain;
-  } cases[] = {
-      {0, {"enc"}},
-      {180, {"videoflip", "method=2", "!", "enc"}},
-      {270, {"vertical-video=true", "videoflip", "method=3", "!", "enc"}},
-  };
-  for (const Case& c : cases) {
-    parts.rotation = c.rotation;
-    const Words argv = transcoder::GstreamerArguments(parts);
-    const Words chain(argv.begin() + 12, argv.begin() + 12 + c.chain.size());
-    EXPECT_EQ(c.chain, chain) << c.rotation;
-    EXPECT_EQ("!", argv[12 + c.chain.size()]) << c.rotation;
-  }
 }
 
 }  // namespace

@@ -1,27 +1,23 @@
 #include "vte/http_stream.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <thread>
+#include <memory>
 
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/child.h"
 #include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/short_waits.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
-#include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
 namespace LibOrvoVTE {
@@ -36,18 +32,14 @@ constexpr size_t kHeadBytes = 96 * 1024;
 // A runaway transcoder must not make a test read forever.
 constexpr size_t kMaxBytes = 16 * 1024 * 1024;
 
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 // Reads until the stream ends or `limit` bytes have come, appending to `file`.
-size_t ReadInto(HttpStream& stream, const std::string& file, size_t limit) {
+size_t ReadInto(DirectStream& stream, const std::string& file, size_t limit) {
   std::ofstream out(file, std::ios::binary | std::ios::app);
   char buffer[16384];
   size_t total = 0;
   while (total < limit) {
     const int got = stream.Read(buffer, sizeof(buffer));
-    if (got < 0) break;
+    if (got <= 0) break;
     out.write(buffer, got);
     total += static_cast<size_t>(got);
   }
@@ -131,56 +123,80 @@ class HttpStreamTest : public orvotest::StreamTest {
   static int TranscoderPid(const std::string& id) {
     return orvotest::RecordedPid(SessionPath(id, "monitor.pid"));
   }
+  // The one transcoder the load registry holds, once it holds one.
+  static int OnlyTranscoder() {
+    int pid = -1;
+    orvotest::WaitUntil([&] {
+      const std::vector<int> pids = orvotest::RegistryPids();
+      pid = pids.size() == 1 ? pids[0] : -1;
+      return pid > 0;
+    }, 10000);
+    return pid;
+  }
 
   static std::string Ffmpeg() { return librh::machine::Resolve(librh::machine::kPackageFFmpeg); }
 };
 
-// A run at 30 s, whose reader has stopped reading; a seek opens a new run
-// of the same stream at 10 s on a machine that runs one transcoder; then
-// another request closes the stream.
-TEST_F(HttpStreamTest, ASeekReplacesTheRunningTranscoderAndAnotherRequestCloses) {
-  const std::string id = NewSession(Media::kLongH264Mp3Mkv, kProfile, "seek");
-  ASSERT_EQ(id, "seek");
-  const std::string head = Root().Path() + "/head.ts";
-  HttpStream stream(id);
-  ASSERT_TRUE(stream.Init(""));
-  ASSERT_TRUE(stream.Transcoding(Ffmpeg(), 30));
-  ASSERT_GE(ReadInto(stream, head, kHeadBytes), kHeadBytes);
-  const int replaced = TranscoderPid(id);
-  EXPECT_TRUE(orvotest::Registered(replaced));
+// For each progressive kind: a run at 30 s whose reader has stopped
+// reading, then a seek, a new run of the same stream at 10 s, on a machine
+// that runs one transcoder; then another request closes the stream.
+TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
+  const struct {
+    std::string type, file, profile;
+  } kinds[] = {{"HTTP", "http.json", kProfile},
+               {"WEBM", "webm.json", "webm_320x240_vp8_vb256_vorbis_ab64"}};
+  for (const auto& kind : kinds) {
+    const std::string id = orvotest::CreateSession(Media::kLongH264Mp3Mkv, kind.type, kind.file,
+                                                   kind.profile, "seek-" + kind.type);
+    ASSERT_EQ(id, "seek-" + kind.type);
+    const auto open = [&]() -> std::unique_ptr<DirectStream> {
+      if (kind.type == "HTTP") return std::make_unique<HttpStream>(id);
+      return std::make_unique<WebMStream>(id);
+    };
+    const std::string head = Root().Path() + "/head-" + kind.type;
+    const std::unique_ptr<DirectStream> stream = open();
+    ASSERT_TRUE(stream->Init(""));
+    ASSERT_TRUE(stream->Transcoding(Ffmpeg(), 30));
+    ASSERT_GE(ReadInto(*stream, head, kHeadBytes), kHeadBytes) << kind.type;
+    const int replaced = OnlyTranscoder();
+    ASSERT_GT(replaced, 0) << kind.type;
 
-  // The running transcoder, blocked on its full pipe, ends and gives back
-  // its slot before the new run is checked; its reader sees the end.
-  HttpStream seek(id);
-  ASSERT_TRUE(seek.Init("")) << seek.GetErrorString();
-  EXPECT_TRUE(orvotest::Ends(replaced, 0));
-  EXPECT_FALSE(orvotest::Registered(replaced));
-  EXPECT_LT(ReadInto(stream, Root().Path() + "/rest.ts", kMaxBytes), kMaxBytes);
-  const std::string seekHead = Root().Path() + "/seek.ts";
-  ASSERT_TRUE(seek.Transcoding(Ffmpeg(), 10));
-  ASSERT_GE(ReadInto(seek, seekHead, kHeadBytes), kHeadBytes);
-  const int transcoder = orvotest::RecordedPid(SessionPath(id, "monitor.pid"), replaced);
-  EXPECT_TRUE(orvotest::Registered(transcoder));
+    // The running transcoder, blocked on its full pipe, ends and gives back
+    // its slot before the new run is checked; its reader sees the end.
+    const std::unique_ptr<DirectStream> seek = open();
+    ASSERT_TRUE(seek->Init("")) << kind.type << " " << seek->GetErrorString();
+    EXPECT_TRUE(orvotest::Ends(replaced)) << kind.type;
+    EXPECT_FALSE(orvotest::Registered(replaced)) << kind.type;
+    EXPECT_LT(ReadInto(*stream, head + ".rest", kMaxBytes), kMaxBytes) << kind.type;
+    const std::string seekHead = Root().Path() + "/seek-" + kind.type;
+    ASSERT_TRUE(seek->Transcoding(Ffmpeg(), 10));
+    ASSERT_GE(ReadInto(*seek, seekHead, kHeadBytes), kHeadBytes) << kind.type;
+    const int transcoder = OnlyTranscoder();
+    EXPECT_NE(transcoder, replaced) << kind.type;
 
-  // The new transcoder is blocked on the pipe, alive, while another request
-  // closes the stream.
-  EXPECT_EQ(orvotest::RunInChild([&] { return HttpStream(id).Close() ? 0 : 1; }), 0);
-  EXPECT_FALSE(orvotest::Registered(transcoder));
-  EXPECT_FALSE(orvotest::Exists(SessionPath(id)));
-  // What was still in the pipe drains, then the stream ends.
-  EXPECT_LT(ReadInto(seek, Root().Path() + "/tail.ts", kMaxBytes), kMaxBytes);
-  EXPECT_TRUE(orvotest::Ends(transcoder));
-  EXPECT_TRUE(stream.Close());
-  EXPECT_TRUE(seek.Close());
+    // The new transcoder is blocked on the pipe, alive, while another
+    // request closes the stream.
+    EXPECT_EQ(orvotest::RunInChild([&] { return open()->Close() ? 0 : 1; }), 0) << kind.type;
+    EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(kind.type, id))) << kind.type;
+    // What was still in the pipe drains, then the stream ends.
+    EXPECT_LT(ReadInto(*seek, seekHead + ".rest", kMaxBytes), kMaxBytes) << kind.type;
+    EXPECT_TRUE(orvotest::Ends(transcoder)) << kind.type;
+    EXPECT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().empty(); }, 10000))
+        << kind.type << ": the slot was never given back";
+    EXPECT_TRUE(stream->Close());
+    EXPECT_TRUE(seek->Close());
 
-  // Timestamps are the source's; the muxer adds its fixed delay of 1.4 s.
-  for (const auto& [file, start] : {std::pair{head, 30.0}, std::pair{seekHead, 10.0}}) {
-    orvotest::ProbedMedia media;
-    ASSERT_TRUE(orvotest::ProbeMedia(file, &media)) << file;
-    const orvotest::ProbedStream* video = media.Stream("video");
-    ASSERT_NE(video, nullptr) << "no video in the first bytes of " << file;
-    EXPECT_GE(video->start, start) << file;
-    EXPECT_LT(video->start, start + 2) << file;
+    // Transport stream timestamps are the source's, plus the muxer's fixed
+    // 1.4 s; the head of a WebM file says too little to tell.
+    if (kind.type != "HTTP") continue;
+    for (const auto& [file, start] : {std::pair{head, 30.0}, std::pair{seekHead, 10.0}}) {
+      orvotest::ProbedMedia media;
+      ASSERT_TRUE(orvotest::ProbeMedia(file, &media)) << file;
+      const orvotest::ProbedStream* video = media.Stream("video");
+      ASSERT_NE(video, nullptr) << "no video in the first bytes of " << file;
+      EXPECT_GE(video->start, start) << file;
+      EXPECT_LT(video->start, start + 2) << file;
+    }
   }
 }
 
@@ -197,7 +213,6 @@ TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
   ASSERT_TRUE(stream.Transcoding(silent, 0));
   const int transcoder = TranscoderPid(id);
 
-  orvotest::LogCapture log;
   orvotest::ShortWaits shortWaits;
   char buffer[4096];
   const Clock::time_point start = Clock::now();
@@ -205,79 +220,9 @@ TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
   const double waited = orvotest::ShortWaits::Seconds(Clock::now() - start);
   EXPECT_GE(waited, 30.0);
   EXPECT_LT(waited, 40.0);
-  ASSERT_EQ(log.Lines().size(), 1u) << log.Dump();
-  EXPECT_EQ(log.Lines()[0].priority, LOG_ERR);
-  EXPECT_THAT(log.Lines()[0].text,
-              ::testing::MatchesRegex("http_stream:[0-9]+ Reading streaming data timeout"));
-
   EXPECT_TRUE(OLIBCProcAlive(transcoder));
   EXPECT_TRUE(stream.Close());
   EXPECT_TRUE(orvotest::Ends(transcoder));
-}
-
-TEST_F(HttpStreamTest, InitWaitsForATranscodingSlot) {
-  const std::string id = NewSession(Media::kH264AacMp4, kProfile, "wait");
-  orvotest::ShortWaits shortWaits;
-  // Another transcoder holds the only software slot for five seconds.
-  const pid_t holder = orvotest::StartChild([] {
-    std::this_thread::sleep_for(5 * orvotest::ShortWaits::kSecond);
-    return 0;
-  });
-  {
-    LibReelhall::TransLoading registry;
-    ASSERT_TRUE(registry.SaveTransPID(holder, false, false));
-  }
-  HttpStream stream(id);
-  const Clock::time_point start = Clock::now();
-  EXPECT_TRUE(stream.Init("2"));
-  const double waited = orvotest::ShortWaits::Seconds(Clock::now() - start);
-  EXPECT_GE(waited, 4.0);
-  EXPECT_LT(waited, 20.0);
-  EXPECT_EQ(ReadFile(SessionPath(id, "audio_id")), "2");
-  EXPECT_EQ(orvotest::WaitForChild(holder, 5), 0);
-  EXPECT_TRUE(stream.Close());
-}
-
-TEST_F(HttpStreamTest, BadInputStartsNothingAndLeavesNothing) {
-  char buffer[64];
-  {
-    HttpStream full(kTransSpaceNotEnough);
-    EXPECT_FALSE(full.Init(""));
-    EXPECT_EQ(full.GetErrorString(), "TransSapceNotEnough");
-  }
-  {
-    HttpStream missing("never-created");
-    EXPECT_FALSE(missing.Init(""));
-    EXPECT_EQ(missing.GetErrorString(), "");
-  }
-
-  const std::string noPath = NewSession(Media::kH264AacMp4, kProfile, "no-path");
-  HttpStream pathless(noPath);
-  ASSERT_TRUE(pathless.Init(""));
-  EXPECT_EQ(pathless.Read(buffer, sizeof(buffer)), -1) << "no transcoder yet";
-  EXPECT_FALSE(pathless.Transcoding("", 0));
-  EXPECT_EQ(pathless.Read(buffer, sizeof(buffer)), -1);
-  EXPECT_FALSE(orvotest::Exists(SessionPath(noPath, "monitor.pid")));
-  EXPECT_TRUE(pathless.Close());
-  EXPECT_FALSE(orvotest::Exists(SessionPath(noPath)));
-
-  // Without video there is nothing to transcode: the transcoder's process
-  // records itself and leaves, and the reader sees the end at once.
-  const std::string noVideo = NewSession(Media::kAudioOnlyMp3, kProfile, "no-video");
-  ASSERT_EQ(noVideo, "no-video");
-  HttpStream audioOnly(noVideo);
-  ASSERT_TRUE(audioOnly.Init(""));
-  EXPECT_TRUE(audioOnly.CalculateFFmpegArgument().empty());
-  ASSERT_TRUE(audioOnly.Transcoding(Ffmpeg(), 0));
-  const Clock::time_point start = Clock::now();
-  EXPECT_EQ(audioOnly.Read(buffer, sizeof(buffer)), -1);
-  EXPECT_LT(SecondsSince(start), 5.0);
-  const int transcoder = TranscoderPid(noVideo);
-  EXPECT_GT(transcoder, 0);
-  EXPECT_TRUE(orvotest::Ends(transcoder));
-  EXPECT_FALSE(orvotest::Registered(transcoder));
-  EXPECT_TRUE(audioOnly.Close());
-  EXPECT_FALSE(orvotest::Exists(SessionPath(noVideo)));
 }
 
 }  // namespace

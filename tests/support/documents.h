@@ -1,0 +1,33 @@
+// Metadata documents written by hand in tests: JSON text in, the library's
+// metadata object out, and one canonical line to compare documents by.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+#include "metadata/video_metadata.h"
+
+namespace orvotest {
+
+// `text` parsed; a gtest failure (and null) when it is not JSON.
+Json::Value ParseJson(const std::string& text);
+
+// `value` on one line, keys sorted, integers and reals told apart (25 vs
+// 25.0), strings and numbers too.
+std::string JsonLine(const Json::Value& value);
+
+// Metadata holding `document` as a probe (or another process's session
+// file) would have left it; `loaded` as the object would say.
+class DocumentMetaData : public LibOrvoVTE::VideoMetaData {
+ public:
+  explicit DocumentMetaData(const Json::Value& doc, bool isLoaded = true) {
+    document = doc;
+    loaded = isLoaded;
+  }
+  // From JSON text; "" leaves nothing loaded.
+  explicit DocumentMetaData(const std::string& text)
+      : DocumentMetaData(text.empty() ? Json::Value() : ParseJson(text), !text.empty()) {}
+};
+
+}  // namespace orvotest
