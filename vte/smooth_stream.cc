@@ -313,7 +313,11 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
     if (fragmentId.find("audio") != std::string::npos) return true;
     const std::string fragmentFile =
         GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
-    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentFile)) return true;
+    // A stream no run has started yet has none to write what is asked for,
+    // wherever the request lands (a player resuming at 30 s asks there first).
+    const bool neverStarted =
+        ReadFile(GetVTEFileFullPath(kSeekTimeFile)).empty() && !IsFFmpegRun();
+    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentFile) && !neverStarted) return true;
 
     // Restarts take turns; this request keeps its turn until its monitor
     // has recorded itself.
