@@ -298,12 +298,15 @@ test('every kind seeks far and shows the picture of its clock, upright and in sh
 
 test('a transcoder that fails at once shows its reason, whatever the kind', async () => {
   const page = await newPage(server);
-  for (const kind of ['http', 'webm', 'hls', 'ss']) {
-    const opened = await page.evaluate((k) => window.orvo.open(k, 'cut-short.mp4'), kind);
-    assert.ok(opened.id, `${kind}: ${JSON.stringify(opened)}`);
+  const cases = [['http', 'cut-short.mp4', 'transcoder_exited'], ['webm', 'cut-short.mp4', 'transcoder_exited'],
+    ['hls', 'cut-short.mp4', 'transcoder_exited'], ['ss', 'cut-short.mp4', 'transcoder_exited'],
+    ['hls', 'silent.mp4', 'transcoder_exited']];
+  for (const [kind, file, reason] of cases) {
+    const opened = await page.evaluate(([k, f]) => window.orvo.open(k, f), [kind, file]);
+    assert.ok(opened.id, `${kind} ${file}: ${JSON.stringify(opened)}`);
     const shown = await page.waitForFunction(() => document.getElementById('status').dataset.error,
       null, { timeout: 10000, polling: 100 }).then((handle) => handle.jsonValue(), () => 'nothing shown');
-    assert.match(shown, /^Playback failed: transcoder_exited$/, kind);
+    assert.equal(shown, `Playback failed: ${reason}`, `${kind} ${file}`);
     await page.evaluate(() => window.orvo.close());
     await assertNothingLeft(server);
   }

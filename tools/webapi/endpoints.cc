@@ -26,13 +26,15 @@ using LibOrvoVTE::VTEStream;
 constexpr char kDefaultDevice[] = "browser";
 constexpr size_t kBrokenSegmentBytes = 188 * 16;
 
-// A seek or a restart the library refused: its code reaches the client and
-// the log.
+// A seek or a restart the library refused: its code reaches the client, the
+// page and the log.
 int FailStart(const char* type, const VTEStream& stream) {
-  const std::string code = stream.GetErrorString();
+  const std::string code =
+      stream.GetErrorString().empty() ? "transcoding_failed" : stream.GetErrorString();
   fprintf(stderr, "webapi: %s stream %s: transcoding refused: %s\n", type,
-          stream.GetStreamID().c_str(), code.empty() ? "(no code)" : code.c_str());
-  return FailOpen(code.empty() ? "transcoding_failed" : code);
+          stream.GetStreamID().c_str(), code.c_str());
+  NoteFailure(stream, code);
+  return FailOpen(code);
 }
 
 // A fragment that did not come: its run ended without it (the transcoder

@@ -11,6 +11,7 @@
 #                    it is a blue picture with the same strip at its top
 #   cut-short.mp4    sample.mp4 cut just after its index: it probes as a
 #                    60 s file but a transcoder fails at once
+#   silent.mp4       2 s of picture without sound: HLS has no track pair to map
 #   dts-audio.mkv    DTS audio, which the engine refuses on this platform
 set -euo pipefail
 dir=${1:?usage: make-sample.sh DIR}
@@ -55,6 +56,12 @@ while d[i+4:i+8]!=b"mdat": i+=struct.unpack(">I",d[i:i+4])[0]
 print(i+1008)' "$dir/sample.mp4")
   head -c "$moov_end" "$dir/sample.mp4" > "$dir/cut-short.part.mp4"
   mv "$dir/cut-short.part.mp4" "$dir/cut-short.mp4"
+fi
+
+if [[ ! -s $dir/silent.mp4 ]]; then
+  run -f lavfi -i "testsrc2=size=320x240:rate=25:duration=2" -an \
+    -c:v libx264 -preset ultrafast -pix_fmt yuv420p "$dir/silent.part.mp4"
+  mv "$dir/silent.part.mp4" "$dir/silent.mp4"
 fi
 
 if [[ ! -s $dir/dts-audio.mkv ]]; then
