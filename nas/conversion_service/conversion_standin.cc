@@ -7,8 +7,8 @@
 // It registers {"PID": <own pid>, "hardware_transcode": <--hardware>,
 // "offline_conversion": true}, then writes its pid file (so the pid file's
 // presence means the entry is in place) and waits. SIGUSR1, the service's
-// request to yield, makes it drop its entries (after SECONDS, when given),
-// remove its pid file and exit 0; SIGTERM or SIGINT do the same at once.
+// request to yield, makes it remove its pid file and drop its entries (after
+// SECONDS, when given), and exit 0; SIGTERM or SIGINT do the same at once.
 //
 // Exit status: 0 after yielding, 1 when it could not register or write its
 // pid file, 2 on bad usage or without ORVOVTE_MACHINE_ROOT.
@@ -43,8 +43,8 @@ int Usage() {
           "\n"
           "Plays the offline conversion service under $%s: registers a running\n"
           "conversion in the load registry, writes the service's pid file and waits.\n"
-          "On SIGUSR1 it yields (after SECONDS, default 0): drops its registry entries,\n"
-          "removes its pid file and exits 0. SIGTERM and SIGINT yield at once.\n"
+          "On SIGUSR1 it yields (after SECONDS, default 0): removes its pid file,\n"
+          "drops its registry entries and exits 0. SIGTERM and SIGINT yield at once.\n"
           "\n"
           "  --hardware            the conversion uses the hardware transcoder\n"
           "  --yield-after SECONDS delay between SIGUSR1 and yielding\n",
@@ -167,7 +167,9 @@ int main(int argc, char** argv) {
   fflush(stdout);
 
   if (WaitForSignal(signals) == SIGUSR1) DelayYield(options.yieldAfterSeconds);
-  Unregister();
+  // The pid file goes first: a stream that sees the entries gone takes the
+  // service for gone, and must not find its pid still there.
   RemovePidFile(pidFile);
+  Unregister();
   return 0;
 }
