@@ -212,23 +212,7 @@ TEST_F(FaultTest, DataVolumeFillsUpWhileSegmentsAreWritten) {
     ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
   } unmount{volume};
 
-  const std::string source = orvotest::TestMedia(orvotest::Media::kLongH264AacMp4);
-  Root().WriteFile("/full-profiles.json",
-                   R"({"remux": "-vcodec copy -bsf:v h264_mp4toannexb -acodec libfdk_aac -ab 64k"})");
-  const std::string profiles = Root().At("/full-profiles.json");
-  const std::string opened = orvotest::TextFromChild([&] {
-    Json::Value options(Json::objectValue);
-    options["stream_id"] = "full";
-    if (VTEStream::VTE_Init(source, "HLS", options, profiles, "remux", "", 256 * 1024) != "full") {
-      return std::string("VTE_Init refused");
-    }
-    HttpLiveStream stream("full");
-    Json::Value params;
-    params["url"] = "/api/stream";
-    params["format"] = "hls";
-    return stream.Init(params, Json::Value(), "", "") ? std::string("ok") : stream.GetErrorString();
-  });
-  ASSERT_EQ(opened, "ok");
+  ASSERT_EQ(Open("full", "remux", orvotest::Media::kLongH264AacMp4, 256 * 1024), "ok");
   // The 13 segments of the clip need more than the volume holds. Every
   // segment served must be whole; once the volume is full, requests are
   // refused at once instead of waiting for what cannot be written.

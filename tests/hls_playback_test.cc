@@ -17,6 +17,7 @@
 #include "platform/olibc.h"
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
+#include "toolkit/process_table.h"
 #include "vte/http_live_stream.h"
 #include "vte/utils/vteutils.h"
 
@@ -24,7 +25,6 @@ namespace LibOrvoVTE {
 namespace {
 
 namespace fs = std::filesystem;
-using orvotest::ChildrenOf;
 
 // Every case plays session "s" of the 100-second clip.
 class HlsPlaybackTest : public orvotest::PlaybackTest {
@@ -103,12 +103,12 @@ TEST_F(HlsPlaybackTest, SegmentsInOrderAFarSeekThenASignalAndIdleness) {
   EXPECT_NEAR(VideoStart(18) - first, 90.0, 0.15);
 
   // A signal ends the monitor and its transcoder and keeps the session.
-  const std::vector<pid_t> transcoders = ChildrenOf(seeker);
+  const std::vector<toolkit::ProcessEntry> transcoders = toolkit::ChildrenOf(seeker);
   ASSERT_EQ(transcoders.size(), 1U);
-  EXPECT_TRUE(orvotest::Registered(transcoders[0]));
+  EXPECT_TRUE(orvotest::Registered(transcoders[0].pid));
   ASSERT_EQ(kill(seeker, SIGTERM), 0);
   EXPECT_TRUE(orvotest::ChildrenEnded(4)) << "monitor or transcoder still running";
-  EXPECT_FALSE(orvotest::Registered(transcoders[0]));
+  EXPECT_FALSE(orvotest::Registered(transcoders[0].pid));
   EXPECT_TRUE(fs::exists(File("s", "video_metadata"))) << "a signal alone keeps the session";
 
   // Nobody asked for data for 900 seconds: the monitor gives the stream up.

@@ -35,6 +35,13 @@ using orvotest::Printable;
 constexpr char kHlsProfile[] = "hls_remux_h264_aac_ab128";
 constexpr char kSmoothProfile[] = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
 
+Json::Value Params(const std::string& format) {
+  Json::Value params;
+  params["url"] = "/api/stream";
+  params["format"] = format;
+  return params;
+}
+
 class HostileInputTest : public orvotest::MachineRootTest {
  protected:
   // Files a hostile id would reach from a session directory.
@@ -47,17 +54,22 @@ class HostileInputTest : public orvotest::MachineRootTest {
            toolkit::ReadWholeFile(Root().At("/victim/keep")) == "keep";
   }
 
+  // VTE_Init of a short clip as an "HLS" or "SS" session; the id it gave.
+  static std::string Create(const std::string& type, const std::string& id) {
+    const bool hls = type == "HLS";
+    return orvotest::CreateSession(orvotest::Media::kH264AacMp4, type,
+                                   hls ? "hls.json" : "smooth.json",
+                                   hls ? kHlsProfile : kSmoothProfile, id);
+  }
+
   // Creates and opens a session as two web requests would; "ok", or what
   // failed.
   std::string Open(const std::string& type, const std::string& id, const Json::Value& params) {
     return orvotest::TextFromChild([&] {
-      const bool hls = type == "HLS";
-      const std::string made =
-          orvotest::CreateSession(orvotest::Media::kH264AacMp4, type, hls ? "hls.json" : "smooth.json",
-                                  hls ? kHlsProfile : kSmoothProfile, id);
+      const std::string made = Create(type, id);
       if (made != id) return "VTE_Init gave \"" + made + "\"";
-      const bool opened = hls ? HttpLiveStream(id).Init(params, Json::Value(), "", "")
-                              : SmoothStream(id).Init(params, Json::Value(), "", "");
+      const bool opened = type == "HLS" ? HttpLiveStream(id).Init(params, Json::Value(), "", "")
+                                        : SmoothStream(id).Init(params, Json::Value(), "", "");
       return std::string(opened ? "ok" : "Init failed");
     });
   }
@@ -73,20 +85,14 @@ TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhe
       // Every entry point: session creation, then a stream object of the id
       // asked to open, serve and close.
       const std::string result = orvotest::TextFromChild([&] {
-        const std::string made = orvotest::CreateSession(orvotest::Media::kH264AacMp4, type,
-                                                         type == "HLS" ? "hls.json" : "smooth.json",
-                                                         type == "HLS" ? kHlsProfile : kSmoothProfile,
-                                                         id);
+        const std::string made = Create(type, id);
         std::unique_ptr<AdaptStream> stream;
         if (type == "HLS") {
           stream = std::make_unique<HttpLiveStream>(id);
         } else {
           stream = std::make_unique<SmoothStream>(id);
         }
-        Json::Value params;
-        params["url"] = "/api/stream";
-        params["format"] = "x";
-        const bool opened = stream->Init(params, Json::Value(), "", "");
+        const bool opened = stream->Init(Params("x"), Json::Value(), "", "");
         const bool transcoding = stream->Transcoding("0");
         const std::string fragment = stream->ReadFragment("0");
         const bool closed = stream->Close();
@@ -105,10 +111,7 @@ TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhe
 
 TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
   PlantVictims();
-  Json::Value params;
-  params["url"] = "/api/stream";
-  params["format"] = "ss";
-  ASSERT_EQ(Open("SS", "ssid", params), "ok");
+  ASSERT_EQ(Open("SS", "ssid", Params("ss")), "ok");
   for (const std::string fragment :
        {"QualityLevels(200000)/Fragments(video=../../victim)", "../../../victim/keep",
         "QualityLevels(200000)/../../victim", "QualityLevels(1)/Fragments(video=99999999999999999999999)",
@@ -137,10 +140,7 @@ TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
 // HLS fragment ids beyond any video, negative, or with a NUL, and a
 // subtitle id with a NUL that would end the playlist's file name early.
 TEST_F(HostileInputTest, HlsIdsOutOfRangeOrWithANulAreRefused) {
-  Json::Value params;
-  params["url"] = "/api/stream";
-  params["format"] = "hls";
-  ASSERT_EQ(Open("HLS", "hlsid", params), "ok");
+  ASSERT_EQ(Open("HLS", "hlsid", Params("hls")), "ok");
   const std::string pid = orvotest::SessionPath("HLS", "hlsid", "monitor.pid");
   std::ofstream(pid) << "4242";
   std::ofstream(orvotest::SessionPath("HLS", "hlsid", "subtitle.m3u8.tpl")) << "#EXTM3U\n";
@@ -177,10 +177,7 @@ TEST_F(HostileInputTest, HlsIdsOutOfRangeOrWithANulAreRefused) {
 TEST_F(HostileInputTest, SessionsPlantedByAnotherUserAreNeverFollowed) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to play another user";
   PlantVictims();
-  Json::Value params;
-  params["url"] = "/api/stream";
-  params["format"] = "hls";
-  ASSERT_EQ(Open("HLS", "mine", params), "ok");
+  ASSERT_EQ(Open("HLS", "mine", Params("hls")), "ok");
   ASSERT_EQ(orvotest::TextFromChild([] {
               return orvotest::CreateSession(orvotest::Media::kH264AacMp4, "HTTP", "http.json",
                                              "http_320x240_x264_vb256_mp3_ab64", "mine");
@@ -267,9 +264,7 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
   };
   int number = 0;
   for (const Case& c : cases) {
-    Json::Value params;
-    params["url"] = "/api/stream";
-    params["format"] = c.type == "HLS" ? "hls" : "ss";
+    Json::Value params = Params(c.type == "HLS" ? "hls" : "ss");
     params[c.key] = c.value;
     const std::string id = "q" + std::to_string(number++);
     const std::string result = Open(c.type, id, params);

@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-
 #include <ctime>
 #include <fstream>
 #include <set>
@@ -17,7 +15,6 @@
 
 #include "tests/support/child.h"
 #include "tests/support/hostile_table.h"
-#include "tests/support/launchers.h"
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
 #include "vte/http_live_stream.h"
@@ -144,36 +141,28 @@ TEST_F(LoadTest, TwentyRemuxStreamsReadAtOnceBesideATranscode) {
   for (int i = 0; i < kSessions; ++i) {
     ASSERT_EQ(Open("r" + std::to_string(i), "remux"), "ok") << i;
   }
-  // Each reader is one process serving its stream's first segments in turn;
-  // it reports every segment it got and whether its descriptors and memory
-  // stayed where they were after the first.
-  std::vector<pid_t> readers;
-  std::vector<int> pipes;
+  // Each reader is one request process serving its stream's first segments
+  // in turn; it reports every segment it got and whether its descriptors
+  // and memory stayed where they were after the first.
+  std::vector<Request> readers;
   for (int i = 0; i < kSessions; ++i) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
     const std::string id = "r" + std::to_string(i);
-    readers.push_back(orvotest::StartChild([id, fds] {
-      if (geteuid() == 0 && !orvotest::BecomeWebServerUser()) return 1;
+    readers.push_back(StartRequest([id] {
       std::string report;
       int firstFds = 0;
       long firstKb = 0;
       for (int fragment = 0; fragment < kSegmentsEach; ++fragment) {
         HttpLiveStream stream(id);
         const std::string number = std::to_string(fragment);
-        const std::string path = stream.Transcoding(number) ? stream.ReadFragment(number) : "";
-        report += path + "\n";
+        report += (stream.Transcoding(number) ? stream.ReadFragment(number) : "") + "\n";
         if (fragment == 0) {
           firstFds = OpenDescriptors();
           firstKb = ResidentKb();
         }
       }
-      report += "fds " + std::to_string(OpenDescriptors() - firstFds) + " kb " +
-                std::to_string(ResidentKb() - firstKb) + "\n";
-      return write(fds[1], report.data(), report.size()) == static_cast<ssize_t>(report.size()) ? 0 : 1;
+      return report + "fds " + std::to_string(OpenDescriptors() - firstFds) + " kb " +
+             std::to_string(ResidentKb() - firstKb) + "\n";
     }));
-    close(fds[1]);
-    pipes.push_back(fds[0]);
   }
 
   // Meanwhile a transcode session plays beside them.
@@ -182,11 +171,7 @@ TEST_F(LoadTest, TwentyRemuxStreamsReadAtOnceBesideATranscode) {
 
   int segments = 0;
   for (int i = 0; i < kSessions; ++i) {
-    EXPECT_EQ(orvotest::WaitForChild(readers[i], 60), 0) << i;
-    std::string report;
-    ASSERT_TRUE(orvotest::ReadPipe(pipes[i], &report, 2000)) << i;
-    close(pipes[i]);
-    std::istringstream lines(report);
+    std::istringstream lines(FinishRequest(readers[i], 60));
     std::string line;
     for (int fragment = 0; fragment < kSegmentsEach; ++fragment) {
       std::getline(lines, line);
@@ -196,7 +181,7 @@ TEST_F(LoadTest, TwentyRemuxStreamsReadAtOnceBesideATranscode) {
     std::getline(lines, line);
     int fds = -1;
     long kb = -1;
-    ASSERT_EQ(sscanf(line.c_str(), "fds %d kb %ld", &fds, &kb), 2) << line;
+    ASSERT_EQ(sscanf(line.c_str(), "fds %d kb %ld", &fds, &kb), 2) << i << ": " << line;
     EXPECT_EQ(fds, 0) << i;
     EXPECT_LT(kb, 2048) << i;
   }

@@ -107,9 +107,7 @@ class SmoothPlayback : public orvotest::MachineRootTest {
     Json::Value params;
     params["url"] = "/api/stream";
     params["format"] = "ss";
-    EXPECT_EQ(orvotest::RunInChild([&] {
-                return SmoothStream(id).Init(params, Json::Value(), "", "") ? 0 : 1;
-              }),
+    EXPECT_EQ(orvotest::RunInChild([&] { return SmoothStream(id).Init(params, {}, "", "") ? 0 : 1; }),
               0);
   }
 
@@ -129,6 +127,20 @@ class SmoothPlayback : public orvotest::MachineRootTest {
 
   std::string Served(const std::string& id, const std::string& fragment) {
     return "ok " + SessionPath("SS", id, "smooth/" + fragment);
+  }
+
+  bool Close(const std::string& id) {
+    return orvotest::RunInChild([&] { return SmoothStream(id).Close() ? 0 : 1; }) == 0;
+  }
+
+  // The recording stand-in as the transcoder, lingering `lingerMs` once it
+  // has recorded its start in Root()/record; its path.
+  std::string UseStandIn(int lingerMs, bool deaf = false) {
+    const std::string program = Root().At(librh::machine::kPackageFFmpeg);
+    fs::create_directories(fs::path(program).parent_path());
+    fs::create_symlink(orvotest::StandInProgram(), program);
+    orvotest::ArmStandIn(Root().At("/record"), lingerMs, deaf);
+    return program;
   }
 
   bool RunEnds(const std::string& id) {
@@ -213,7 +225,7 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
       EXPECT_EQ(late, "") << "pictures (n:grey) off their time n/15 s by more than a frame";
     }
   }
-  EXPECT_EQ(orvotest::RunInChild([] { return SmoothStream("phone").Close() ? 0 : 1; }), 0);
+  EXPECT_TRUE(Close("phone"));
   EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "phone")));
 }
 
@@ -223,10 +235,7 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
 // fragment nobody writes.
 TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
   // A first run that lingers, so that the restart waits for its monitor.
-  const std::string program = Root().At(librh::machine::kPackageFFmpeg);
-  fs::create_directories(fs::path(program).parent_path());
-  fs::create_symlink(orvotest::StandInProgram(), program);
-  orvotest::ArmStandIn(Root().At("/record"), 60000);
+  const std::string program = UseStandIn(60000);
   Open(orvotest::Media::kLongH264AacMp4, "k");
   ASSERT_EQ(Request("k", Fragment(kVideo, 0), false), "ok");
   const int lingering = orvotest::RecordedPid(SessionPath("SS", "k", "monitor.pid"));
@@ -245,7 +254,7 @@ TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
   const auto served = orvotest::ReadMp4Fragment(SessionPath("SS", "k", "smooth/" + far));
   EXPECT_TRUE(served.complete);
   EXPECT_EQ(served.time, 800000000);
-  EXPECT_EQ(orvotest::RunInChild([] { return SmoothStream("k").Close() ? 0 : 1; }), 0);
+  EXPECT_TRUE(Close("k"));
   EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "k")));
 }
 
@@ -254,11 +263,7 @@ TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
 // signal to the monitor. Whatever ends the monitor kills the transcoder and
 // frees its transcoding slot.
 TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
-  const std::string program = Root().At(librh::machine::kPackageFFmpeg);
-  fs::create_directories(fs::path(program).parent_path());
-  fs::create_symlink(orvotest::StandInProgram(), program);
-  const std::string record = Root().At("/record");
-  orvotest::ArmStandIn(record, 60000, true);
+  UseStandIn(60000, true);
   // What the monitors log, through the library's log file.
   const orvotest::LogCapture log(orvotest::LogCapture::kLogFile);
 
@@ -272,11 +277,11 @@ TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
 
     if (ending == "close") {
       // The transcoder writes straight into the volume the session links to.
-      const orvotest::Recording run = orvotest::ReadRecording(record, 10);
+      const orvotest::Recording run = orvotest::ReadRecording(Root().At("/record"), 10);
       ASSERT_GE(run.argv.size(), 4u);
       EXPECT_EQ(run.argv[1] + " " + run.argv[2] + " " + run.argv[3], "-ss 0 -i");
       EXPECT_EQ(run.argv.back(), fs::read_symlink(SessionPath("SS", ending)).string() + "/smooth");
-      EXPECT_EQ(orvotest::RunInChild([&] { return SmoothStream(ending).Close() ? 0 : 1; }), 0);
+      EXPECT_TRUE(Close(ending));
     } else if (ending == "idle") {
       const std::string access = SessionPath("SS", ending, "access_status");
       std::ofstream{access};

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -16,6 +15,7 @@
 #include <system_error>
 
 #include "tests/support/child.h"
+#include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 
 namespace orvotest {
@@ -55,12 +55,7 @@ bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough) {
 
 bool WaitForPath(const std::string& path, int timeoutMs) {
   struct stat info;
-  for (int waited = 0; stat(path.c_str(), &info) != 0; waited += 10) {
-    if (waited >= timeoutMs) return false;
-    struct timespec tick = {0, 10 * 1000 * 1000};
-    nanosleep(&tick, nullptr);
-  }
-  return true;
+  return WaitUntil([&] { return stat(path.c_str(), &info) == 0; }, timeoutMs);
 }
 
 std::vector<std::string> SplitWords(const std::string& line) {

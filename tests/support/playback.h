@@ -35,18 +35,20 @@ class PlaybackTest : public ::testing::Test {
   // time, for a run that must outlast a whole case), "remux" (video copied),
   // "broken" (a transcoder that exits at once), "gst" (a GStreamer pipeline,
   // for a root that plays a GStreamer platform).
-  // Creates and opens HLS session `id`; "ok" or what failed (the stream's
-  // error code when Init refused).
+  // Creates and opens HLS session `id`, asking for `space` bytes of volume
+  // (0: the library's default); "ok" or what failed (the stream's error
+  // code when Init refused).
   std::string Open(const std::string& id, const std::string& profile,
-                   Media media = Media::kLongH264AacMp4);
+                   Media media = Media::kLongH264AacMp4, long long space = 0);
   struct Request;
   // Starts that request without waiting; FinishRequest gives its answer.
   Request StartOpen(const std::string& id, const std::string& profile,
-                    Media media = Media::kLongH264AacMp4);
+                    Media media = Media::kLongH264AacMp4, long long space = 0);
   // One segment request (Transcoding, then ReadFragment): the path served,
   // "" when refused, "<...>" when the request failed.
   std::string Segment(const std::string& id, int fragment, int timeoutSeconds = 90);
-  // Starts that request without waiting; WaitForChild reaps it.
+  // Starts that request without waiting; WaitForChild reaps it, 0 when
+  // it was served.
   pid_t StartSegment(const std::string& id, int fragment);
   bool Close(const std::string& id);
 
@@ -78,9 +80,6 @@ class PlaybackTest : public ::testing::Test {
   std::string requestLog_;
   bool asWebServerUser_ = false;
 };
-
-// The live processes whose parent is `parent`.
-std::vector<pid_t> ChildrenOf(pid_t parent);
 
 // Whether `path` is a whole MPEG-TS segment with decodable picture and
 // sound; `videoStart` and `videoFrames`, when given, get its first video

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -16,6 +15,8 @@
 #include <vector>
 
 #include "tests/support/child.h"
+#include "tests/support/stream_watch.h"
+#include "toolkit/files.h"
 
 namespace orvotest {
 namespace {
@@ -161,17 +162,6 @@ const std::pair<const char*, std::string> kSources[] = {
     {"payload.bin", std::string(4096, '\x5a')},
 };
 
-long long NowMs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
-bool Exists(const std::string& path) {
-  struct stat info;
-  return stat(path.c_str(), &info) == 0;
-}
-
 std::string CacheDir() { return std::string(ORVOVTE_TEST_MEDIA_CACHE) + kRecipeDir; }
 
 bool MakeCacheDir() {
@@ -185,14 +175,10 @@ bool MakeCacheDir() {
 // cache's lock until it is closed, or -1.
 int LockCache() {
   const int fd = open((CacheDir() + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  const long long deadline = NowMs() + kLockTimeoutSeconds * 1000LL;
-  while (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    if (NowMs() >= deadline) {
-      close(fd);
-      return -1;
-    }
-    struct timespec tick = {0, 20 * 1000000};
-    nanosleep(&tick, nullptr);
+  if (fd >= 0 && !WaitUntil([fd] { return flock(fd, LOCK_EX | LOCK_NB) == 0; },
+                            kLockTimeoutSeconds * 1000)) {
+    close(fd);
+    return -1;
   }
   return fd;
 }
@@ -205,15 +191,6 @@ bool WriteAtomically(const std::string& path, const std::string& content) {
   if (fclose(file) == 0 && written && rename(temp.c_str(), path.c_str()) == 0) return true;
   unlink(temp.c_str());
   return false;
-}
-
-std::string ReadPrefix(const std::string& path, size_t bytes) {
-  std::string content(bytes, '\0');
-  FILE* file = fopen(path.c_str(), "re");
-  if (!file) return "";
-  content.resize(fread(&content[0], 1, bytes, file));
-  fclose(file);
-  return content;
 }
 
 std::string PathOf(Media kind) { return CacheDir() + "/" + MediaName(kind); }
@@ -235,7 +212,7 @@ std::string Ingredient(const std::string& name) {
 bool Generate(Media kind, const std::string& path) {
   if (kind == Media::kTruncatedMp4) {
     const std::string source = Ensure(Media::kH264AacMp4);
-    const std::string prefix = source.empty() ? "" : ReadPrefix(source, 4096);
+    const std::string prefix = toolkit::ReadWholeFile(source).substr(0, 4096);
     return prefix.size() == 4096 && WriteAtomically(path, prefix);
   }
   if (kind == Media::kNotMedia) {

@@ -1,7 +1,6 @@
 #include "tests/support/transcoder_stand_in.h"
 
 #include <fcntl.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -30,12 +29,7 @@ void ArmStandIn(const std::string& recordFile, int lingerMs, bool deaf) {
 Recording ReadRecording(const std::string& recordFile, int timeoutSeconds) {
   Recording recording;
   std::ifstream in;
-  for (int tick = 0;; ++tick) {
-    in.open(recordFile);
-    if (in || tick >= timeoutSeconds * 100) break;
-    struct timespec pause = {0, 10 * 1000 * 1000};
-    nanosleep(&pause, nullptr);
-  }
+  WaitUntil([&] { return in.open(recordFile), in.is_open(); }, timeoutSeconds * 1000);
   std::string line;
   if (!std::getline(in, line)) return recording;
   recording.written = true;
