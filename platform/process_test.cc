@@ -137,27 +137,4 @@ TEST_F(ProcessTest, DetachedExecLeavesNothingToReap) {
   EXPECT_TRUE(NoChildren());
 }
 
-TEST(OLIBCProcAliveTest, TellsRunningFromEndedProcesses) {
-  EXPECT_TRUE(OLIBCProcAlive(getpid()));
-  EXPECT_TRUE(OLIBCProcAlive(1));
-  for (pid_t bad : {0, -1, -12345}) EXPECT_FALSE(OLIBCProcAlive(bad)) << bad;
-
-  pid_t sleeper = orvotest::StartChild([] {
-    pause();
-    return 0;
-  });
-  ASSERT_GT(sleeper, 0);
-  EXPECT_TRUE(OLIBCProcAlive(sleeper)) << "running child";
-
-  // Ended but not reaped: kill() still finds it, yet it is not alive.
-  kill(sleeper, SIGTERM);
-  siginfo_t info = {};
-  ASSERT_EQ(waitid(P_PID, sleeper, &info, WEXITED | WNOWAIT), 0);
-  EXPECT_EQ(kill(sleeper, 0), 0);
-  EXPECT_FALSE(OLIBCProcAlive(sleeper)) << "zombie";
-
-  EXPECT_EQ(orvotest::WaitForChild(sleeper, 10), -1);  // killed by SIGTERM
-  EXPECT_FALSE(OLIBCProcAlive(sleeper)) << "reaped";
-}
-
 }  // namespace
