@@ -84,12 +84,10 @@ TEST(ForcedOptionsTest, VideoSizeFittedToTheSource) {
 
   EXPECT_EQ("-s hd4k", orvotest::JoinWords(Stream("square").ForceFFmpegVideoSize(orvotest::SplitWords("-s hd4k"), false)))
       << "a size it cannot fit stays as it was";
-}
-
-TEST(ForcedOptionsTest, HardwareGetsTheFittedSizeWithoutAspect) {
+  // A hardware encoder gets the fitted size without an aspect.
   orvotest::PlatformFiles evansport;
   evansport.name = "evansport";
-  orvotest::MachineRoot root(evansport);
+  root.Play(evansport);
   WriteSession(root, "hw", 0, 0, "-vcodec h264_smd -s hd720");
   EXPECT_EQ("-s 1280x532", orvotest::JoinWords(Stream("hw").ForceFFmpegVideoSize(orvotest::SplitWords("-s hd720"), false)));
 }

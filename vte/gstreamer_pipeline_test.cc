@@ -55,11 +55,10 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
     long seek;
     bool shift;
     std::string container, device, audioId, audioFormat;
-    bool fourK;
     Words expected;
   } cases[] = {
       {"monaco asf for a casting device", "monaco", Media::kH264AacMp4, 5, true, "asf",
-       "chromecast", "", "aac", false,
+       "chromecast", "", "aac",
        Cat({{program, "-f", "-S", "5", "filesrc", clip, "!", "asfdemux", "name=demux", "!",
              "queue", "!", "stvideo", "!"},
             verbatimChain, kQueue, {"mpegtsmux", "shift-pts=5"}, muxToSink, {"demux.audio_0"},
@@ -67,7 +66,7 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
             {"audioconvert", "!", "audio/x-raw,channels=2", "!", "faac", "rate-control=ABR", "!",
              "queue", "!", "aacparse"},
             kQueue, {"mux."}})},
-      {"copied AC-3", "x86", Media::kTracksMkv, 0, false, "", "", "2", "ac3_copy", false,
+      {"copied AC-3", "x86", Media::kTracksMkv, 0, false, "", "", "2", "ac3_copy",
        Cat({{program, "-f", "-s", "0", "filesrc", tracks, "!", "matroskademux", "name=demux",
              "!", "queue", "!", "avdec_h264", "!"},
             verbatimChain, kQueue, {"mpegtsmux"}, muxToSink,
@@ -79,10 +78,6 @@ TEST(GstreamerPipelineTest, PipelineReachesTheLauncher) {
     root.Play(platform);
     Json::Value doc = orvotest::SessionDocument(c.media, kProfile);
     if (!c.container.empty()) doc["container_type"] = c.container;
-    if (c.fourK) {
-      doc["track_info"]["video"][0u]["resolutionx"] = 3840;
-      doc["track_info"]["video"][0u]["resolutiony"] = 2160;
-    }
     if (!c.device.empty()) doc["device"] = c.device;
     const std::string dir = orvotest::WriteSession("HLS", "gst", doc);
     if (!c.audioId.empty()) std::ofstream(dir + "/audio_id") << c.audioId;

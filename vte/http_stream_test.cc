@@ -5,10 +5,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 
+#include "decisions/argument_helper.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/child.h"
@@ -110,19 +110,6 @@ TEST(ProgressiveArithmetic, ScaleResolution) {
 
 class HttpStreamTest : public orvotest::StreamTest {
  protected:
-  static std::string NewSession(Media media, const std::string& profile, const std::string& id,
-                                const std::string& profileFile = "http.json") {
-    return orvotest::CreateSession(media, "HTTP", profileFile, profile, id);
-  }
-
-  static std::string SessionPath(const std::string& id, const std::string& name = "") {
-    return orvotest::SessionPath("HTTP", id, name);
-  }
-
-  // The transcoder's pid, once its process has recorded it in the session.
-  static int TranscoderPid(const std::string& id) {
-    return orvotest::RecordedPid(SessionPath(id, "monitor.pid"));
-  }
   // The one transcoder the load registry holds, once it holds one.
   static int OnlyTranscoder() {
     int pid = -1;
@@ -201,17 +188,14 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
 }
 
 TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
-  const std::string silent = Root().Path() + "/silent-transcoder";
-  {
-    std::ofstream script(silent);
-    script << "#!/bin/sh\nexec sleep 60\n";
-  }
+  Root().WriteFile("/silent-transcoder", "#!/bin/sh\nexec sleep 60\n");
+  const std::string silent = Root().At("/silent-transcoder");
   ASSERT_EQ(chmod(silent.c_str(), 0755), 0);
-  const std::string id = NewSession(Media::kH264AacMp4, kProfile, "silent");
+  const std::string id = orvotest::CreateSession(Media::kH264AacMp4, "HTTP", "http.json", kProfile, "silent");
   HttpStream stream(id);
   ASSERT_TRUE(stream.Init(""));
   ASSERT_TRUE(stream.Transcoding(silent, 0));
-  const int transcoder = TranscoderPid(id);
+  const int transcoder = orvotest::RecordedPid(orvotest::SessionPath("HTTP", id, "monitor.pid"));
 
   orvotest::ShortWaits shortWaits;
   char buffer[4096];
@@ -223,6 +207,41 @@ TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
   EXPECT_TRUE(OLIBCProcAlive(transcoder));
   EXPECT_TRUE(stream.Close());
   EXPECT_TRUE(orvotest::Ends(transcoder));
+}
+
+// AAC and MP3 are copied with their own rate and channels; anything else is
+// encoded. A run may start at the source's very end (40 s), not after.
+TEST_F(HttpStreamTest, WebMCopiesOnlyAacAndMp3AudioAndStartsAtTheSeekTime) {
+  const struct {
+    Media media;
+    const char* audioId;  // "" : the first track
+    bool copy;
+  } cases[] = {
+      {Media::kH264AacMp4, "", true},     {Media::kLongH264Mp3Mkv, "", true},
+      {Media::kVp9VorbisWebm, "", false}, {Media::kTracksMkv, "2", false},  // AC-3
+      {Media::kTracksMkv, "1", true},
+  };
+  int number = 0;
+  for (const auto& c : cases) {
+    const std::string label = orvotest::MediaName(c.media) + " [" + c.audioId + "]";
+    const std::string id = orvotest::CreateSession(c.media, "WEBM", "webm.json",
+                                                   "webm_320x240_vp8_vb256_vorbis_ab64",
+                                                   "audio" + std::to_string(number++));
+    ASSERT_FALSE(id.empty()) << label;
+    if (*c.audioId != '\0') {
+      ASSERT_TRUE(SaveFile(orvotest::SessionPath("WEBM", id, "audio_id"), c.audioId)) << label;
+    }
+    const std::string words = orvotest::JoinWords(WebMStream(id).CalculateFFmpegArgument(1));
+    const std::string encoder = c.copy ? "copy" : ArgumentHelper::GetMP3Encoder();
+    EXPECT_NE(words.find(" -acodec " + encoder + " "), std::string::npos) << label << ": " << words;
+    EXPECT_EQ(c.copy, words.find(" -ab ") == std::string::npos) << label << ": " << words;
+    EXPECT_EQ(words.substr(words.rfind(" -webm_seek_time")), " -webm_seek_time 1 -avoid_negative_ts 0")
+        << label;
+  }
+  const std::string id = orvotest::CreateSession(Media::kLongH264Mp3Mkv, "WEBM", "webm.json",
+                                                 "webm_320x240_vp8_vb256_vorbis_ab64", "end");
+  EXPECT_FALSE(WebMStream(id).CalculateFFmpegArgument(40).empty());
+  EXPECT_TRUE(WebMStream(id).CalculateFFmpegArgument(41).empty());
 }
 
 }  // namespace

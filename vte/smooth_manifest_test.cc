@@ -32,6 +32,10 @@ TEST(SmoothManifest, RendersTheDocumentByteForByte) {
   ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", false,
                                     4.0f / 3, values));
   const std::string url = "/api/stream?format=ss&amp;id=abc";
+  // The same three chunks close either stream index.
+  const std::string chunks =
+      "<c n=\"0\" d=\"50000000\" />\n<c n=\"1\" d=\"50000000\" />\n<c n=\"2\" d=\"20000000\" />\n"
+      "</StreamIndex>\n";
   EXPECT_EQ(smooth::RenderManifest(12, url, values),
             "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
             "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"0\" Duration=\"120000000\">\n"
@@ -40,22 +44,15 @@ TEST(SmoothManifest, RendersTheDocumentByteForByte) {
             "Fragments(video={start time})\">\n"
             "<QualityLevel Index=\"0\" Bitrate=\"200000\" FourCC=\"H264\" MaxWidth=\"320\" "
             "MaxHeight=\"240\" CodecPrivateData=\"000000016742c01eda0507e840000003004000000783c58b"
-            "a80000000168ce1f20\" />\n"
-            "<c n=\"0\" d=\"50000000\" />\n"
-            "<c n=\"1\" d=\"50000000\" />\n"
-            "<c n=\"2\" d=\"20000000\" />\n"
-            "</StreamIndex>\n"
+            "a80000000168ce1f20\" />\n" +
+                chunks +
             "<StreamIndex Type=\"audio\" QualityLevels=\"1\" Chunks=\"3\" "
             "Url=\"/api/stream?format=ss&amp;id=abc&amp;fragment_id=QualityLevels({bitrate})/"
             "Fragments(audio={start time})\">\n"
             "<QualityLevel Index=\"0\" Bitrate=\"40000\" FourCC=\"AACL\" SamplingRate=\"48000\" "
             "Channels=\"2\" BitsPerSample=\"16\" PacketSize=\"4\" AudioTag=\"255\" "
-            "CodecPrivateData=\"1190\" />\n"
-            "<c n=\"0\" d=\"50000000\" />\n"
-            "<c n=\"1\" d=\"50000000\" />\n"
-            "<c n=\"2\" d=\"20000000\" />\n"
-            "</StreamIndex>\n"
-            "</SmoothStreamingMedia>\n");
+            "CodecPrivateData=\"1190\" />\n" +
+                chunks + "</SmoothStreamingMedia>\n");
 
   // Chunk counts, the last chunk and the single-precision total.
   const struct {

@@ -39,7 +39,6 @@ class Stream : public VTEStream {
 };
 
 constexpr char kEncode[] = "-vcodec libx264";
-constexpr char kRemux[] = "-vcodec copy -bsf:v h264_mp4toannexb";
 constexpr char kHardware[] = "-vcodec h264_smd";
 
 // How `pid` ended: the signal that killed it, 0 for an exit, -1 when it still
@@ -53,14 +52,6 @@ int EndingSignal(pid_t pid, int timeoutSeconds) {
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
   return -1;
-}
-
-// A monitor stand-in: lives until signalled (at most half a minute).
-pid_t StartMonitor() {
-  return orvotest::StartChild([] {
-    sleep(30);
-    return 0;
-  });
 }
 
 // A `sleep` started on pid `wanted`, as the kernel hands out pids again
@@ -219,7 +210,7 @@ TEST_F(MonitorTest, APidReusedByAnotherProcessIsNeverTakenForTheMonitor) {
   Stream stream("m", "HLS");
   pid_t reused = -1;
   for (int attempt = 0; attempt < 10 && reused < 0; ++attempt) {
-    const pid_t monitor = StartMonitor();
+    const pid_t monitor = orvotest::StartProgram({"/bin/sleep", "30"});
     ASSERT_TRUE(stream.SaveMonitorPid(monitor, false));
     usleep(50 * 1000);  // start times count in ticks of 10 ms
     kill(monitor, SIGKILL);
