@@ -1,5 +1,6 @@
 // Running part of a test, or a program, in a real child process with a
-// bounded wait (toolkit/child_process.h under the tests' names).
+// bounded wait (toolkit/child_process.h under the tests' names), and the
+// bounded polling the tests wait with.
 #pragma once
 
 #include <sys/types.h>
@@ -12,6 +13,12 @@
 #include "toolkit/child_process.h"
 
 namespace orvotest {
+
+// Polls `condition` every 20 ms for at most `timeoutMs`; its last answer.
+bool WaitUntil(const std::function<bool()>& condition, int timeoutMs);
+
+// Whether the path exists (a dangling link does).
+bool Exists(const std::string& path);
 
 // Forks a child that runs `body` and _exits; returns its pid without waiting
 // (-1 on failure). The caller reaps it with WaitForChild.

@@ -100,11 +100,6 @@ bool Ends(int pid, int timeoutMs) {
   return WaitUntil([pid] { return !OLIBCProcAlive(pid); }, timeoutMs);
 }
 
-bool Exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
-
 void StreamTest::SetUp() {
   MachineRootTest::SetUp();
   ASSERT_TRUE(BecomeSubreaper());
@@ -123,15 +118,6 @@ bool ChildrenEnded(int timeoutSeconds) {
   KillChildren();
   WaitUntil(ReapAll, 2000);
   return false;
-}
-
-bool WaitUntil(const std::function<bool()>& condition, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
 }
 
 std::vector<int> RegistryPids() {

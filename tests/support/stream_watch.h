@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
 
@@ -41,9 +42,6 @@ int RecordedPid(const std::string& pidFile, int unlike = -1);
 // Whether `pid` ends (a zombie has ended) within `timeoutMs`.
 bool Ends(int pid, int timeoutMs = 10000);
 
-// Whether the path exists (a dangling link does).
-bool Exists(const std::string& path);
-
 // Makes the calling process the subreaper of its descendants, so detached
 // monitors and transcoders become its children when their parents exit and
 // can be reaped and counted.
@@ -52,9 +50,6 @@ bool BecomeSubreaper();
 // Reaps every child, waiting at most `timeoutSeconds` for the living ones to
 // end. On time-out kills the remaining children and returns false.
 bool ChildrenEnded(int timeoutSeconds);
-
-// Polls `condition` every 20 ms for at most `timeoutMs`; its last answer.
-bool WaitUntil(const std::function<bool()>& condition, int timeoutMs);
 
 // The pids of the load registry's entries under the current machine root;
 // not 0, the pid of a session's place while no transcoder of it runs.
