@@ -57,6 +57,10 @@ class AdaptStream : public VTEStream {
   int TryStartLock() const;
   // Whether a restart once took the lock and none is pending now.
   bool IsStartLockFree() const;
+  // Waits (as long as a restart may take) while a restart holds the turn:
+  // until its monitor has recorded itself, "monitor.pid" still names the run
+  // before it. Creates nothing.
+  void WaitForStartTurn() const;
   // Whether `fragmentFile` is missing and no monitor runs to write it: none
   // runs, or the one that runs recorded itself before the newest restart
   // announced its run.

@@ -281,6 +281,9 @@ std::string SmoothStream::ReadFragment(const std::string& fragmentId) {
     ORVO_LOG(LOG_ERR, "Bad parameter");
     return "";
   }
+  // A restart begun by another request (one killed since, say) may still be
+  // starting its monitor; the run before it is no account of what comes.
+  WaitForStartTurn();
   for (int tries = 0; !VerifyFragmentIsReady(fragmentId, 0); ++tries) {
     if (IsClosed()) return "";
     if (tries + 1 == kReadTries) {

@@ -64,6 +64,17 @@ int AdaptStream::TryStartLock() const {
   return -1;
 }
 
+void AdaptStream::WaitForStartTurn() const {
+  const int fd = open(GetVTEFileFullPath(kStartLockFile).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  for (int tick = 0; tick < kStartLockTicks && flock(fd, LOCK_SH | LOCK_NB) != 0; ++tick) {
+    if (errno != EWOULDBLOCK && errno != EINTR) break;
+    struct timespec wait = {0, kStartLockTickMs * 1000 * 1000};
+    nanosleep(&wait, nullptr);
+  }
+  close(fd);
+}
+
 bool AdaptStream::IsStartLockFree() const {
   const int fd = TryStartLock();
   if (fd < 0) return false;
