@@ -318,9 +318,12 @@ bool SmoothStream::Transcoding(const std::string& fragmentId) {
         GetVTEFileFullPath(std::string(kFragmentDir) + "/" + fragmentId);
     // A stream no run has started yet has none to write what is asked for,
     // wherever the request lands (a player resuming at 30 s asks there first).
-    const bool neverStarted =
-        ReadFile(GetVTEFileFullPath(kSeekTimeFile)).empty() && !IsFFmpegRun();
-    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentFile) && !neverStarted) return true;
+    const auto neverStarted = [this] {
+      return ReadFile(GetVTEFileFullPath(kSeekTimeFile)).empty() && !IsFFmpegRun();
+    };
+    if (!IsNeedToSeek(fragmentId) && !IsStartAbandoned(fragmentFile) && !neverStarted()) {
+      return true;
+    }
 
     // Restarts take turns; this request keeps its turn until its monitor
     // has recorded itself.

@@ -38,20 +38,25 @@ bool WrittenSince(const std::string& later, const std::string& earlier) {
   return second.st_mtim.tv_nsec >= first.st_mtim.tv_nsec;
 }
 
+// Takes `operation` (LOCK_EX, LOCK_SH) on `fd`, polled, so that a turn held
+// by a stuck request is not waited for longer than a restart may take.
+bool PollLock(int fd, int operation) {
+  for (int tick = 0; tick < kStartLockTicks; ++tick) {
+    if (flock(fd, operation | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK && errno != EINTR) return false;
+    struct timespec wait = {0, kStartLockTickMs * 1000 * 1000};
+    nanosleep(&wait, nullptr);
+  }
+  return false;
+}
+
 }  // namespace
 
 int AdaptStream::TakeStartLock() const {
   const std::string path = GetVTEFileFullPath(kStartLockFile);
   const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kStartLockMode);
-  if (fd < 0) return -1;
-  // Polled, so that a turn held by a stuck request is not waited for longer.
-  for (int tick = 0; tick < kStartLockTicks; ++tick) {
-    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
-    if (errno != EWOULDBLOCK && errno != EINTR) break;
-    struct timespec wait = {0, kStartLockTickMs * 1000 * 1000};
-    nanosleep(&wait, nullptr);
-  }
-  close(fd);
+  if (fd >= 0 && PollLock(fd, LOCK_EX)) return fd;
+  if (fd >= 0) close(fd);
   return -1;
 }
 
@@ -67,11 +72,7 @@ int AdaptStream::TryStartLock() const {
 void AdaptStream::WaitForStartTurn() const {
   const int fd = open(GetVTEFileFullPath(kStartLockFile).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return;
-  for (int tick = 0; tick < kStartLockTicks && flock(fd, LOCK_SH | LOCK_NB) != 0; ++tick) {
-    if (errno != EWOULDBLOCK && errno != EINTR) break;
-    struct timespec wait = {0, kStartLockTickMs * 1000 * 1000};
-    nanosleep(&wait, nullptr);
-  }
+  PollLock(fd, LOCK_SH);
   close(fd);
 }
 
