@@ -12,9 +12,8 @@ int OLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
               const char* arg4);
 
 // Runs `path` with the null-terminated vector `argv` (argv[0] included).
-// wait != 0: waits and returns the exit status, -1 as above.
-// wait == 0: starts it detached (nobody has to reap it) and returns 0 once the
-// exec has succeeded, -1 when it failed.
+// Waits and returns the exit status, -1 as above. The engine never starts a
+// program detached this way, so wait == 0 fails with EINVAL here.
 int OLIBCExecv(const char* path, const char* const argv[], int wait);
 
 // Forks a detached child: -1 on failure, 1 in the caller, 0 in the child.

@@ -106,10 +106,8 @@ int Fail(int error) {
   return -1;
 }
 
-// Starts `path` with `argv`. wait: waits for it and returns its exit status.
-// Otherwise an intermediate child starts it and exits at once, so the program
-// is adopted by init and nobody has to reap it; the result is then 0.
-int Spawn(const char* path, const char* const argv[], bool wait) {
+// Starts `path` with `argv`, waits for it and returns its exit status.
+int Spawn(const char* path, const char* const argv[]) {
   if (path == nullptr || argv == nullptr || argv[0] == nullptr) return Fail(EINVAL);
 
   ChildPlan plan;
@@ -138,13 +136,7 @@ int Spawn(const char* path, const char* const argv[], bool wait) {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
   pid_t pid = fork();
-  if (pid == 0) {
-    if (wait) ExecChild(plan);
-    pid_t grandchild = fork();
-    if (grandchild < 0) FailChild(plan.errorPipe, errno);
-    if (grandchild == 0) ExecChild(plan);
-    _exit(0);
-  }
+  if (pid == 0) ExecChild(plan);
   int forkError = errno;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   close(pipeFds[1]);
@@ -159,7 +151,6 @@ int Spawn(const char* path, const char* const argv[], bool wait) {
   int status = 0;
   int reaped = RetryWaitPid(pid, &status);
   if (childError != 0) return Fail(childError);
-  if (!wait) return 0;
   // ECHILD: SIGCHLD is ignored or someone else reaped the child, so its
   // status is gone.
   if (reaped < 0) return Fail(errno);
@@ -173,11 +164,12 @@ int OLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
               const char* arg4) {
   // execv stops at the first null, which is how callers shorten the list.
   const char* const argv[] = {path, arg1, arg2, arg3, arg4, nullptr};
-  return Spawn(path, argv, true);
+  return Spawn(path, argv);
 }
 
 int OLIBCExecv(const char* path, const char* const argv[], int wait) {
-  return Spawn(path, argv, wait != 0);
+  if (wait == 0) return Fail(EINVAL);
+  return Spawn(path, argv);
 }
 
 int OLIBCProcForkChildNoWait() {

@@ -22,8 +22,7 @@ constexpr mode_t kLockDirMode = 0777;
 
 }  // namespace
 
-Lock::Lock(const std::string& path, bool blocking)
-    : fd_(-1), path_(path), blocking_(blocking), locked_(false) {
+Lock::Lock(const std::string& path) : fd_(-1), path_(path), locked_(false) {
   locked_ = LockFile();
 }
 
@@ -46,7 +45,7 @@ bool Lock::LockFile() {
   // lock would live as long as the transcoder.
   fd_ = open(path_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0777);
   if (fd_ < 0) return false;
-  return flock(fd_, blocking_ ? LOCK_EX : LOCK_EX | LOCK_NB) == 0;
+  return flock(fd_, LOCK_EX) == 0;
 }
 
 void Lock::UnlockFile() {

@@ -8,8 +8,8 @@ namespace LibReelhall {
 class Lock {
  public:
   // Creates the lock file (and its directory) when missing and takes an
-  // exclusive flock on it, waiting when `blocking`, failing at once when not.
-  Lock(const std::string& path, bool blocking);
+  // exclusive flock on it, waiting for it.
+  explicit Lock(const std::string& path);
   virtual ~Lock();
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
@@ -21,7 +21,6 @@ class Lock {
  protected:
   int fd_;
   std::string path_;
-  bool blocking_;
   bool locked_;
 };
 

@@ -91,7 +91,7 @@ bool SupportsHardware() {
 }  // namespace
 
 TransLoading::TransLoading()
-    : Lock(librh::machine::Resolve(librh::machine::kLoadRegistry), true),
+    : Lock(librh::machine::Resolve(librh::machine::kLoadRegistry)),
       entries_(Json::arrayValue),
       softwareLimit_(kSoftwareLimit),
       hardwareLimit_(0) {

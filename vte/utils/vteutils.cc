@@ -1,6 +1,5 @@
 #include "vte/utils/vteutils.h"
 
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -173,13 +172,6 @@ bool SaveFile(const std::string& path, const std::string& content) {
   fwrite(content.data(), 1, content.size(), file);
   fclose(file);
   return true;
-}
-
-int KillProcess(int pid) {
-  // kill(0) and kill(-1) would reach the caller's own process group or every
-  // process it may signal: a stale or unset pid must never get that far.
-  if (pid < 1) return -1;
-  return kill(pid, SIGTERM);
 }
 
 std::vector<std::string> StringExplode(const std::string& text, const std::string& delimiters) {

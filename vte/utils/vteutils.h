@@ -29,9 +29,6 @@ bool SaveFile(const std::string& path, const std::string& content);
 // DEL): what a client's value must not carry into a file name or a line.
 bool HasControlCharacter(const std::string& text);
 
-// SIGTERM to `pid`; the result of kill(2), or -1 without a call for pid < 1.
-int KillProcess(int pid);
-
 // The non-empty tokens of `text` separated by any character of `delimiters`.
 std::vector<std::string> StringExplode(const std::string& text, const std::string& delimiters);
 
