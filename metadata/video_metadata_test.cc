@@ -35,15 +35,17 @@ class ProbedMetaData : public VideoMetaData {
 // ffprobe when written: ids closing up around a data stream, the
 // container's aspect ratio where the bitstream has none, VP9 outside the
 // codec table (""), WebM's missing level (-99 -> 0).
-const std::string kGolden = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/probe_documents.txt";
+const std::string kGolden =
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/probe_documents.txt";
 
 TEST(VideoMetaDataProbe, DocumentOfEveryGeneratedFile) {
   // The attachment in tracks.mkv has no codec, which libavformat warns about.
   av_log_set_level(AV_LOG_ERROR);
   std::ifstream golden(kGolden);
-  for (const Media media : {Media::kH264AacMp4, Media::kRotatedMp4, Media::kTracksMkv, Media::kAc3DataTs,
-                            Media::kSar4x3Mp4, Media::kNoSarMp4, Media::kContainerSarMkv, Media::kAudioOnlyMp3,
-                            Media::kVideoOnlyAvi, Media::kVp9VorbisWebm}) {
+  for (const Media media :
+       {Media::kH264AacMp4, Media::kRotatedMp4, Media::kTracksMkv, Media::kAc3DataTs,
+        Media::kSar4x3Mp4, Media::kNoSarMp4, Media::kContainerSarMkv, Media::kAudioOnlyMp3,
+        Media::kVideoOnlyAvi, Media::kVp9VorbisWebm}) {
     std::string name, expected;
     golden >> name;
     std::getline(golden >> std::ws, expected);
@@ -71,8 +73,9 @@ TEST(VideoMetaDataProbe, LoadFileFailsCleanlyOnBadInput) {
   orvotest::MachineRoot root;
   ASSERT_EQ(0, mkfifo(root.At("/fifo").c_str(), 0600));
   const std::string text = TestMedia(Media::kNotMedia), truncated = TestMedia(Media::kTruncatedMp4);
-  for (const std::string& path : {std::string(), root.At("/missing.mp4"), root.At("/volume1"), text + "/clip.mp4",
-                                  root.At("/fifo"), std::string("/dev/null"), truncated, text}) {
+  for (const std::string& path : {std::string(), root.At("/missing.mp4"), root.At("/volume1"),
+                                  text + "/clip.mp4", root.At("/fifo"), std::string("/dev/null"),
+                                  truncated, text}) {
     const int status = orvotest::RunInChild(
         [&] {
           av_log_set_level(AV_LOG_QUIET);

@@ -29,7 +29,8 @@ TEST(OrvofsTest, CreatesEveryMissingDirectoryWithTheModeAndOwner) {
     stat((existing + dir).c_str(), &info);
     const std::string owner = *dir == '\0' || geteuid() != 0 ? "" : "1024:100";
     EXPECT_EQ(*dir == '\0' ? 040700u : 040777u, info.st_mode) << dir;
-    EXPECT_EQ(owner, owner.empty() ? "" : std::to_string(info.st_uid) + ":" + std::to_string(info.st_gid)) << dir;
+    EXPECT_EQ(owner, owner.empty() ? "" : std::to_string(info.st_uid) + ":" + std::to_string(info.st_gid))
+        << dir;
   }
   root.WriteFile("/file", "not a directory");
   errno = 0;
@@ -45,8 +46,9 @@ TEST(OrvofsTest, CheckFileAndGetSizeAcceptsOnlyRegularFiles) {
   root.WriteFile("/five", "12345");
   ASSERT_EQ(0, symlink(root.At("/five").c_str(), root.At("/link").c_str()));
   ASSERT_EQ(0, mkfifo(root.At("/fifo").c_str(), 0600));
-  for (const auto& [path, expected] : {std::make_pair(root.At("/link"), 5ll), std::make_pair(root.At("/volume1"), -7ll),
-                                       std::make_pair(root.At("/fifo"), -7ll), std::make_pair(std::string("/dev/null"), -7ll)}) {
+  for (const auto& [path, expected] :
+       {std::make_pair(root.At("/link"), 5ll), std::make_pair(root.At("/volume1"), -7ll),
+        std::make_pair(root.At("/fifo"), -7ll), std::make_pair(std::string("/dev/null"), -7ll)}) {
     long long size = -7;  // refused: left alone
     EXPECT_EQ(expected != -7, librh::critical::fileop::CheckFileAndGetSize(path, size)) << path;
     EXPECT_EQ(expected, size) << path;

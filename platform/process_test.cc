@@ -50,9 +50,11 @@ TEST(OLIBCExecTest, ChildStartsWithNullStdinNoStrayDescriptorDefaultSignalsAndEm
   sigaddset(&usr1, SIGUSR1);
   sigprocmask(SIG_BLOCK, &usr1, &oldMask);
   // grep looks at its own masks: a shell would reset them first.
-  const int grep = OLIBCExec("/bin/grep", "-qE", "^Sig(Blk|Ign):.*[1-9a-f]", "/proc/self/status", nullptr);
-  const int shell = OLIBCExec("/bin/sh", "-c", "[ $(readlink /proc/self/fd/0) = /dev/null ] && [ ! -e /proc/$$/fd/57 ]",
-                              nullptr, nullptr);
+  const int grep =
+      OLIBCExec("/bin/grep", "-qE", "^Sig(Blk|Ign):.*[1-9a-f]", "/proc/self/status", nullptr);
+  const int shell = OLIBCExec(
+      "/bin/sh", "-c", "[ $(readlink /proc/self/fd/0) = /dev/null ] && [ ! -e /proc/$$/fd/57 ]",
+      nullptr, nullptr);
   sigprocmask(SIG_SETMASK, &oldMask, nullptr);
   sigaction(SIGTERM, &oldTerm, nullptr);
   dup2(savedStdin, STDIN_FILENO);

@@ -40,7 +40,8 @@ TEST(KeyValueTest, ReadsAndChecksValuesAndPids) {
     const int length = expected ? static_cast<int>(strlen(expected)) : 0;
     EXPECT_EQ(length, OLIBCFileGetKeyValue(file.c_str(), key, value, sizeof(value), 0)) << key;
     EXPECT_STREQ(expected ? expected : "", value) << key;
-    EXPECT_EQ(expected ? 1 : 0, OLIBCFileCheckKeyValue(file.c_str(), key, expected ? expected : "", 0)) << key;
+    EXPECT_EQ(expected ? 1 : 0, OLIBCFileCheckKeyValue(file.c_str(), key, expected ? expected : "", 0))
+        << key;
   }
   // Only the first 5 bytes are the caller's buffer; the rest must stay.
   char value[8];

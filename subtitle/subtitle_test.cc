@@ -16,14 +16,19 @@ namespace {
 TEST(PathInfo, SplitsPathsTheWayTheSubtitleListNeeds) {
   const char* rows[][2] = {
       // path: dirname|basename|extension|language|filename
-      {"/v/Movie.eng.srt", "/v|Movie.eng.srt|srt|eng|Movie.eng"}, {"Movie.mkv", "Movie.mkv|Movie.mkv|||Movie.mkv"},
-      {"/v/a.b/Movie", "/v/a.b|Movie|||Movie"},                    {"/v/Movie..srt", "/v|Movie..srt|srt||Movie."},
-      {"/Movie.chi.ass", "|Movie.chi.ass|ass|chi|Movie.chi"},       {"", "||||"},
+      {"/v/Movie.eng.srt", "/v|Movie.eng.srt|srt|eng|Movie.eng"},
+      {"Movie.mkv", "Movie.mkv|Movie.mkv|||Movie.mkv"},
+      {"/v/a.b/Movie", "/v/a.b|Movie|||Movie"},
+      {"/v/Movie..srt", "/v|Movie..srt|srt||Movie."},
+      {"/Movie.chi.ass", "|Movie.chi.ass|ass|chi|Movie.chi"},
+      {"", "||||"},
   };
   for (const auto& row : rows) {
     const Json::Value info = PathInfo(row[0]);
     std::string parts = info["dirname"].asString();
-    for (const char* key : {"basename", "extension", "language", "filename"}) parts += "|" + info[key].asString();
+    for (const char* key : {"basename", "extension", "language", "filename"}) {
+      parts += "|" + info[key].asString();
+    }
     EXPECT_EQ(row[1], parts) << row[0];
   }
 }
@@ -36,8 +41,9 @@ TEST(PathInfo, SplitsPathsTheWayTheSubtitleListNeeds) {
 TEST(GetExternalSubtitleTest, FindsTheVideosSubtitlesPatternByPattern) {
   orvotest::MachineRoot root;
   const std::string d = root.Path();
-  for (const char* name : {"Movie.smi", "Movie.fre.SaMi", "Movie.chi.ass", "Movie.ssa", "Movie.srt", "Movie.eng.srt",
-                           "Movie.SRT", "Movie2.srt", "Other.srt", "Movie.txt", "Movie.srt.bak", "Movie.locked.srt"}) {
+  for (const char* name : {"Movie.smi", "Movie.fre.SaMi", "Movie.chi.ass", "Movie.ssa", "Movie.srt",
+                           "Movie.eng.srt", "Movie.SRT", "Movie2.srt", "Other.srt", "Movie.txt",
+                           "Movie.srt.bak", "Movie.locked.srt"}) {
     root.WriteFile("/" + std::string(name), "1\n00:00:00,000 --> 00:00:01,000\nHello\n");
   }
   chmod((d + "/Movie.locked.srt").c_str(), 0);
@@ -49,9 +55,12 @@ TEST(GetExternalSubtitleTest, FindsTheVideosSubtitlesPatternByPattern) {
   Json::Value out(Json::arrayValue);
   out.append("kept");
   ASSERT_EQ(0, GetExternalSubtitle(d + "/Movie.mkv", out));
-  EXPECT_EQ("kept " + d + "/Movie.SRT " + d + "/Movie.eng.srt " + d + "/Movie.locked.srt " + d + "/Movie.srt " + d +
-                "/Movie.ssa " + d + "/Movie.chi.ass " + d + "/Movie.smi " + d + "/Movie.fre.SaMi ",
-            joined(out));
+  std::string expected = "kept ";
+  for (const char* name : {"Movie.SRT", "Movie.eng.srt", "Movie.locked.srt", "Movie.srt", "Movie.ssa",
+                           "Movie.chi.ass", "Movie.smi", "Movie.fre.SaMi"}) {
+    expected += d + "/" + name + " ";
+  }
+  EXPECT_EQ(expected, joined(out));
   char cwd[4096];
   ASSERT_NE(nullptr, getcwd(cwd, sizeof(cwd)));
   EXPECT_EQ(d, cwd);
@@ -61,8 +70,9 @@ TEST(GetExternalSubtitleTest, FindsTheVideosSubtitlesPatternByPattern) {
               Json::Value own(Json::arrayValue), asRoot(Json::arrayValue);
               const int ownResult = GetExternalSubtitleImp(d + "/Movie.mkv", own);
               const int rootResult = GetExternalSubtitle(d + "/Movie.mkv", asRoot);
-              return std::to_string(ownResult) + " " + (joined(own).find("locked") == std::string::npos ? "skipped" : "read") +
-                     " " + std::to_string(rootResult) + " " + std::to_string(asRoot.size());
+              const bool skipped = joined(own).find("locked") == std::string::npos;
+              return std::to_string(ownResult) + (skipped ? " skipped " : " read ") +
+                     std::to_string(rootResult) + " " + std::to_string(asRoot.size());
             }));
 }
 
