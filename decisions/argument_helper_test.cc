@@ -3,19 +3,35 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/support/documents.h"
+#include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
 
 namespace LibOrvoVTE {
 namespace {
 
 using orvotest::DocumentMetaData;
+using orvotest::JoinWords;
 
-// A Matroska file with the video track `video` and the audio list `audio`.
-std::string File(const std::string& video, const std::string& audio = "[]") {
-  return R"({"container_type":"matroska,webm","track_info":{"video":[)" + video + R"(],"audio":)" + audio +
-         R"(,"subtitle":[]}})";
+Json::Value Track(const std::string& id, const std::string& codec, int streamId = 0) {
+  Json::Value track;
+  track["id"] = track["track"] = id;
+  track["codec"] = codec;
+  track["streamid"] = streamId;
+  return track;
+}
+
+// A file in `container` with the video track `video`, then `audio`.
+ArgumentHelper File(const std::string& container, const Json::Value& video,
+                    const std::vector<Json::Value>& audio = {}) {
+  Json::Value doc;
+  doc["container_type"] = container;
+  doc["track_info"]["video"][0u] = video;
+  doc["track_info"]["audio"] = Json::arrayValue;
+  for (const Json::Value& track : audio) doc["track_info"]["audio"].append(track);
+  return ArgumentHelper(DocumentMetaData(doc));
 }
 
 // The engine's answer (an HWTranscodeResult) on each platform at its bounds.
@@ -49,7 +65,7 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
     video["resolutiony"] = row.height;
     video["framerate"] = row.framerate;
     video[row.codec == std::string("mpeg4") ? "codec_tag" : "profile"] = row.tagOrProfile;
-    ArgumentHelper helper{DocumentMetaData(File(orvotest::JsonLine(video)))};
+    ArgumentHelper helper = File("matroska,webm", video);
     EXPECT_EQ(row.expected, helper.AbleToTranscodeTheVideo(true))
         << row.platform << " " << orvotest::JsonLine(video);
     EXPECT_EQ(0u, helper.AbleToTranscodeTheVideo(false)) << row.platform;
@@ -76,11 +92,13 @@ TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
   for (const auto& row : rows) {
     unsigned int w = 0, h = 0, num = 0, den = 0;
     sscanf(row.video.c_str(), "%u %u %u %u", &w, &h, &num, &den);
-    const std::string video = "{\"resolutionx\":" + std::to_string(w) + ",\"resolutiony\":" +
-                              std::to_string(h) + ",\"sample_aspect_ratio_num\":" +
-                              std::to_string(num) + ",\"sample_aspect_ratio_den\":" +
-                              std::to_string(den) + "}";
-    ArgumentHelper helper{DocumentMetaData(row.video.empty() ? "" : File(video))};
+    Json::Value video;
+    video["resolutionx"] = w;
+    video["resolutiony"] = h;
+    video["sample_aspect_ratio_num"] = num;
+    video["sample_aspect_ratio_den"] = den;
+    ArgumentHelper helper = row.video.empty() ? ArgumentHelper(DocumentMetaData(std::string()))
+                                              : File("matroska,webm", video);
     unsigned int width = 7, height = 9;
     helper.GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
     EXPECT_EQ(row.size, std::to_string(width) + "x" + std::to_string(height))
@@ -95,7 +113,9 @@ TEST(ArgumentHelperTest, AudioTrackByIdAndTheAudioListsShape) {
       R"([{"id":"1","track":"1","codec":"aac"}, {"id":"2","track":"2"},)"
       R"( {"id":"4","track":"4","codec":"dts"}, {"id":"2","track":"5","codec":"ac3"},)"
       R"( {"id":6,"track":"6","codec":"eac3"}])";
-  ArgumentHelper helper{DocumentMetaData(File("{}", kAudioTracks))};
+  const std::string tracks = R"({"track_info":{"video":[{}],"audio":)" + std::string(kAudioTracks) +
+                             "}}";
+  ArgumentHelper helper{DocumentMetaData(tracks)};
   const struct {
     const char* id;
     const char* track;   // "" : none
@@ -114,16 +134,84 @@ TEST(ArgumentHelperTest, AudioTrackByIdAndTheAudioListsShape) {
     std::string document;
     bool zeroAudio, firstTrack;
   } shapes[] = {
-      {File("{}", "[]"), true, false},
-      {File("{}", kAudioTracks), false, true},
+      {R"({"track_info":{"video":[],"audio":[]}})", true, false},
+      {tracks, false, true},
       {R"({"track_info":{"video":[],"subtitle":[]}})", false, false},
-      {File("{}", R"({"0":{"id":"1","track":"1","codec":"aac"}})"), false, false},
-      {File("{}", R"(["aac",7,null])"), false, true},
+      {R"({"track_info":{"video":[],"audio":{"0":{"id":"1","track":"1","codec":"aac"}}}})", false, false},
+      {R"({"track_info":{"video":[],"audio":["aac",7,null]}})", false, true},
   };
   for (const auto& shape : shapes) {
     ArgumentHelper lists{DocumentMetaData(shape.document)};
     EXPECT_EQ(shape.zeroAudio, lists.ZeroAudioTrack()) << shape.document;
     EXPECT_EQ(shape.firstTrack, lists.AbleToDecodeAudio("")) << shape.document;
+  }
+}
+
+// Demuxer, then video decoder. The first container key that matches wins
+// ("mpegts" holds "mpeg"); decodebin decodes too, so nothing follows it.
+// What Braswell builds for the media library is played by the media matrix.
+TEST(GstreamerElementsTest, DemuxerAndVideoDecoderByContainerCodecAndPlatform) {
+  const char* rows[][5] = {
+      // platform, container, codec, profile: demuxer | video decoder
+      {"x86", "mpegts", "mpeg2", "", "tsdemux name=demux ! queue ! | avdec_mpeg2video"},
+      {"x86", "mpeg", "wmv3", "", "mpegpsdemux name=demux ! queue ! | vc1parse ! queue ! avdec_wmv3"},
+      {"x86", "rm", "rv40", "", "rmdemux name=demux ! queue ! | avdec_rv40"},
+      {"x86", "ogg", "h264", "", "decodebin name=demux ! queue ! | "},
+      {"x86", "flv", "hevc", "", "flvdemux name=demux ! queue ! | decodebin"},
+      {"braswell", "asf", "vc1", "Advanced",
+       "asfdemux profile=Advanced name=demux ! queue ! | vc1parse ! queue ! vaapidecode"},
+      {"braswell", "matroska,webm", "mpeg2", "",
+       "matroskademux name=demux ! queue ! | mpegvideoparse ! queue ! decodebin"},
+      {"monaco", "avi", "wmv3", "", "avidemux name=demux ! queue ! | vc1parse ! queue ! stvideo"},
+  };
+  orvotest::MachineRoot root;
+  for (const auto& row : rows) {
+    orvotest::PlatformFiles platform;
+    platform.name = row[0];
+    root.Play(platform);
+    Json::Value video = Track("0", row[2]);
+    video["profile"] = row[3];
+    ArgumentHelper helper = File(row[1], video);
+    // The demuxer first: it decides the decoder.
+    const std::string demuxer = JoinWords(helper.GetGstreamDemuxer());
+    EXPECT_EQ(row[4], demuxer + " | " + JoinWords(helper.GetGstreamVideoArgument()))
+        << row[0] << " " << row[1] << " " << row[2] << " " << row[3];
+  }
+}
+
+// Copied audio needs only a parser, except MPEG audio, which is decoded;
+// the demuxer's pad is named by the stream id, for MPEG audio in program
+// streams by its low byte.
+TEST(GstreamerElementsTest, AudioDecoderAndPadOfTheDemuxer) {
+  orvotest::MachineRoot root;
+  const Json::Value h264 = Track("0", "h264");
+  const char* decoders[][4] = {
+      // codec, container, parse only: elements
+      {"ac3", "mpeg", "", "ac3parse ! avdec_ac3 !"},      {"eac3", "mpegts", "1", "ac3parse"},
+      {"mp2", "mpeg", "1", "mpegaudioparse ! avdec_mp2float !"}, {"wmapro", "asf", "1", "avdec_wmapro !"},
+      {"wmapro", "avi", "", "decodebin !"},
+  };
+  for (const auto& row : decoders) {
+    EXPECT_EQ(row[3], JoinWords(File(row[1], h264).GetGstreamAudioDecoder(row[0], *row[2] != '\0')))
+        << row[0] << " in " << row[1];
+  }
+  EXPECT_EQ("", JoinWords(File("mpegts", h264, {Track("1", "aac")}).GetGstreamAudioArgument("3", false)));
+
+  const std::vector<Json::Value> ps = {Track("1", "ac3", 128), Track("2", "mp2", 448)};
+  const std::vector<Json::Value> mkv = {Track("1", "aac", 1), Track("2", "ac3", 2)};
+  const struct {
+    const char* container;
+    std::vector<Json::Value> audio;
+    const char* id;
+    const char* pad;
+  } pads[] = {
+      {"mpegts", {Track("1", "mp2", 448)}, "1", "demux.audio_01c0"}, {"mpeg", ps, "2", "demux.audio_c0"},
+      {"mpeg", ps, "1", "demux.audio_80"},  {"matroska,webm", mkv, "2", "demux.audio_1"},
+      {"matroska,webm", mkv, "", "demux.audio_0"}, {"matroska,webm", mkv, "9", "demux."},
+  };
+  for (const auto& row : pads) {
+    EXPECT_EQ(row.pad, File(row.container, h264, row.audio).GetGstreamAudioMap(row.id))
+        << row.container << " id " << row.id;
   }
 }
 

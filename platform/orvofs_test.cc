@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/fileop.h"
 #include "tests/support/machine_root.h"
 
 namespace {
@@ -37,22 +36,6 @@ TEST(OrvofsTest, CreatesEveryMissingDirectoryWithTheModeAndOwner) {
   EXPECT_EQ(-1, ORVOFSMkdirP(root.At("/file/sub/deeper").c_str(), 0, 1, -1, -1, 0777));
   EXPECT_EQ(ENOTDIR, errno);
   EXPECT_EQ(-1, ORVOFSMkdirP(nullptr, 0, 1, -1, -1, 0777));
-}
-
-// Only a regular file has a size to stream; a device or a FIFO would be
-// read for ever.
-TEST(OrvofsTest, CheckFileAndGetSizeAcceptsOnlyRegularFiles) {
-  orvotest::MachineRoot root;
-  root.WriteFile("/five", "12345");
-  ASSERT_EQ(0, symlink(root.At("/five").c_str(), root.At("/link").c_str()));
-  ASSERT_EQ(0, mkfifo(root.At("/fifo").c_str(), 0600));
-  for (const auto& [path, expected] :
-       {std::make_pair(root.At("/link"), 5ll), std::make_pair(root.At("/volume1"), -7ll),
-        std::make_pair(root.At("/fifo"), -7ll), std::make_pair(std::string("/dev/null"), -7ll)}) {
-    long long size = -7;  // refused: left alone
-    EXPECT_EQ(expected != -7, librh::critical::fileop::CheckFileAndGetSize(path, size)) << path;
-    EXPECT_EQ(expected, size) << path;
-  }
 }
 
 }  // namespace
