@@ -16,7 +16,7 @@ namespace rules = platform_rules;
 using orvotest::MachineRoot;
 using orvotest::PlatformFiles;
 
-// "platform=<name> <flags> <transcode platform> <ffmpeg|gstreamer> <fast
+// "<name> <flags> <transcode platform> <ffmpeg|gstreamer> <fast
 // cpu> <hardware>", where the flags are E(vansport) B(raswell) M(onaco)
 // G(streamer) H(ardware) and +hw for the administrator's switch, "-" when
 // none holds; then ForceFFmpegTranscoding("mov", "h264", "High 10") and
@@ -28,55 +28,37 @@ std::string Describe() {
                       (p.IsSupportHWTranscode() ? "H" : "") + (p.IsHWSettingEnabled() ? "+hw" : "");
   bool first = true, fast = false, hardware = false;
   LibReelhall::GetMachineTranscodeAndRemux(first, fast, hardware);
-  return "platform=" + p.GetPlatformName() + " " + (flags.empty() ? "-" : flags) + " " +
+  return p.GetPlatformName() + " " + (flags.empty() ? "-" : flags) + " " +
          p.GetTransPlatformName() + " " +
          (LibReelhall::ForceFFmpegTranscoding("mov", "h264", "High 10") ? "ffmpeg" : "gstreamer") +
          (first ? " first" : "") + (fast ? " fast" : " slow") + (hardware ? " hw" : " sw");
 }
 
-PlatformFiles Platform(const std::string& name, int cores, double bogoMips = 4800,
-                       const std::string& host = "") {
-  PlatformFiles files;
-  files.name = name;
-  files.cpuCores = cores;
-  files.bogoMips = bogoMips;
-  files.hostPlatform = host;
-  return files;
-}
-
 TEST(PlatformUtils, PlatformsReadFromTheMachine) {
+  const char kOff[] = R"({"hardware_transcode": false})";
   const struct {
     PlatformFiles files;
-    const char* unique;    // orvoinfo.conf's line when not the fixture's
-    const char* advanced;  // advanced.conf, nullptr for none
-    const char* cpuinfo;   // /proc/cpuinfo when not the fixture's
+    const char* file;  // a platform file written over the fixture's, with `text`
+    const char* text;
     const char* expected;
   } kRows[] = {
-      {Platform("braswell", 1), nullptr, R"({"hardware_transcode": false})", nullptr,
-       "platform=braswell BGH braswell_1 ffmpeg fast hw"},
-      {Platform("", 4), "unique=\"nounderscore\"", nullptr, nullptr, "platform= - x86_2 ffmpeg fast sw"},
-      {Platform("monaco", 1), nullptr, R"({"hardware_transcode": false})", nullptr,
-       "platform=monaco MGH+hw monaco_2 gstreamer fast hw"},
-      {Platform("evansport", 2), nullptr, R"({"hardware_transcode": false})", nullptr,
-       "platform=evansport EH x86_1 ffmpeg fast hw"},
-      {Platform("evansport", 1), nullptr, R"({"hardware_transcode": "no"})", nullptr,
-       "platform=evansport EH+hw evansport_1 ffmpeg fast hw"},
-      {Platform("evansport", 2), nullptr, "{hardware_transcode", nullptr,
-       "platform=evansport EH+hw evansport_2 ffmpeg fast hw"},
-      {Platform("x86", 2, 1500), nullptr, nullptr, nullptr, "platform=x86 - x86_2 ffmpeg fast sw"},
-      {Platform("x86", 2), nullptr, nullptr, "bogomips\t: 4800.00\ncpu cores\t: 2\n",
-       "platform=x86 - x86_2 ffmpeg slow sw"},
-      {Platform("dockerx64", 2, 4800, "BROMOLOW"), nullptr, nullptr, nullptr,
-       "platform=dockerx64 - bromolow_2 ffmpeg fast sw"},
+      {{"braswell", 1, 4800, ""}, machine::kAdvancedConf, kOff, "braswell BGH braswell_1 ffmpeg fast hw"},
+      {{"", 4, 4800, ""}, machine::kOrvoInfoConf, "unique=\"nounderscore\"\n", " - x86_2 ffmpeg fast sw"},
+      {{"monaco", 1, 4800, ""}, machine::kAdvancedConf, kOff, "monaco MGH+hw monaco_2 gstreamer fast hw"},
+      {{"evansport", 2, 4800, ""}, machine::kAdvancedConf, kOff, "evansport EH x86_1 ffmpeg fast hw"},
+      {{"evansport", 1, 4800, ""}, machine::kAdvancedConf, R"({"hardware_transcode": "no"})",
+       "evansport EH+hw evansport_1 ffmpeg fast hw"},
+      {{"evansport", 2, 4800, ""}, machine::kAdvancedConf, "{hardware_transcode",
+       "evansport EH+hw evansport_2 ffmpeg fast hw"},
+      {{"x86", 2, 1500, ""}, nullptr, nullptr, "x86 - x86_2 ffmpeg fast sw"},
+      {{"x86", 2, 4800, ""}, machine::kCpuInfo, "bogomips\t: 4800.00\ncpu cores\t: 2\n",
+       "x86 - x86_2 ffmpeg slow sw"},
+      {{"dockerx64", 2, 4800, "BROMOLOW"}, nullptr, nullptr, "dockerx64 - bromolow_2 ffmpeg fast sw"},
   };
   for (const auto& row : kRows) {
     MachineRoot root(row.files);
-    if (row.unique) root.WriteFile(machine::kOrvoInfoConf, std::string(row.unique) + "\n");
-    if (row.advanced) root.WriteFile(machine::kAdvancedConf, row.advanced);
-    if (row.cpuinfo) root.WriteFile(machine::kCpuInfo, row.cpuinfo);
-    EXPECT_EQ(row.expected, Describe()) << row.files.name << " cores " << row.files.cpuCores << " unique "
-                                        << (row.unique ? row.unique : "-") << " advanced "
-                                        << (row.advanced ? row.advanced : "-");
+    if (row.file) root.WriteFile(row.file, row.text);
+    EXPECT_EQ(row.expected, Describe()) << row.files.name << " " << (row.file ? row.text : "");
   }
 }
 
@@ -117,7 +99,7 @@ TEST(PlatformUtils, RulesOnWhatWasRead) {
 // The platform name and the container host are read once per process; the
 // administrator's settings and the core count on every question.
 TEST(PlatformUtils, NameAndHostReadOnceSettingsReadAfresh) {
-  MachineRoot root(Platform("evansport", 2, 4800, "AVOTON"));
+  MachineRoot root(PlatformFiles{"evansport", 2, 4800, "AVOTON"});
   PlatformUtils& p = PlatformUtils::GetInst();
   std::string report = p.GetDockerHostPlatformName() + " " + p.GetTransPlatformName() + " | ";
   root.WriteFile(machine::kOrvoInfoConf, "unique=\"reelbox_monaco_1019\"\n");
