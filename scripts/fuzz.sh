@@ -24,19 +24,24 @@ if [[ ${#targets[@]} -eq 0 ]]; then
   for program in "$build_dir"/fuzz/*_fuzzer; do targets+=("$(basename "$program")"); done
 fi
 
-# Corpora grow across local runs; the probe's is seeded from the tests'
-# media, cut short so that each run mutates headers rather than payload.
+# Corpora grow across local runs; an empty one is seeded. The probe's seeds
+# are the media the tests generated (.test-media), cut short so that a run
+# mutates headers rather than payload; no binary seed is committed.
 corpus_root=$build_dir/corpus
 findings=$build_dir/findings
 mkdir -p "$findings"
-mkdir -p "$corpus_root/probe_fuzzer"
-while read -r media; do
-  head -c 65536 "$media" >"$corpus_root/probe_fuzzer/seed-$(basename "$media")"
-done < <("$build_dir/fuzz/fuzz_seed_media")
-mkdir -p "$corpus_root/registry_fuzzer" "$corpus_root/keyvalue_fuzzer"
-printf '[{"PID":1,"hardware_transcode":false,"offline_conversion":true}]' \
-  >"$corpus_root/registry_fuzzer/seed-entry"
-printf '\x10unique\n# comment\nunique="orvo_x86_64"\nmajor=7\n' >"$corpus_root/keyvalue_fuzzer/seed-conf"
+unseeded() { mkdir -p "$corpus_root/$1" && [[ -z $(ls -A "$corpus_root/$1") ]]; }
+if unseeded probe_fuzzer; then
+  while read -r media; do
+    head -c 65536 "$media" >"$corpus_root/probe_fuzzer/seed-$(basename "$media")"
+  done < <(find .test-media -type f ! -name '.*' -size +0)
+  unseeded probe_fuzzer && echo "fuzz: no media in .test-media to seed the probe; run the tests first" >&2
+fi
+if unseeded machine_file_fuzzer; then
+  printf '[{"PID":1,"hardware_transcode":false,"offline_conversion":true}]' \
+    >"$corpus_root/machine_file_fuzzer/seed-registry"
+  printf '\x10unique\n# comment\nunique="orvo_x86_64"\nmajor=7\n' >"$corpus_root/machine_file_fuzzer/seed-conf"
+fi
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

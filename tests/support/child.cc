@@ -44,12 +44,10 @@ namespace {
 
 bool BecomeNobody(bool keepRootSaved) {
   const struct passwd* nobody = getpwnam("nobody");
-  uid_t uid = nobody ? nobody->pw_uid : 65534;
-  gid_t gid = nobody ? nobody->pw_gid : 65534;
-  if (setgroups(0, nullptr) != 0) return false;
-  if (setresgid(gid, gid, keepRootSaved ? 0 : gid) != 0) return false;
-  if (setresuid(uid, uid, keepRootSaved ? 0 : uid) != 0) return false;
-  return geteuid() == uid && getuid() == uid;
+  const uid_t uid = nobody ? nobody->pw_uid : 65534;
+  const gid_t gid = nobody ? nobody->pw_gid : 65534;
+  return setgroups(0, nullptr) == 0 && setresgid(gid, gid, keepRootSaved ? 0 : gid) == 0 &&
+         setresuid(uid, uid, keepRootSaved ? 0 : uid) == 0 && geteuid() == uid && getuid() == uid;
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// Running part of a test, or a program, in a real child process with a
-// bounded wait (toolkit/child_process.h under the tests' names), and the
-// bounded polling the tests wait with.
+// Parts of a test, or programs, in real child processes with bounded waits
+// (toolkit/child_process.h under the tests' names), and the users a test
+// process can become.
 #pragma once
 
 #include <sys/types.h>
@@ -20,28 +20,24 @@ bool WaitUntil(const std::function<bool()>& condition, int timeoutMs);
 // Whether the path exists (a dangling link does).
 bool Exists(const std::string& path);
 
-// Forks a child that runs `body` and _exits; returns its pid without waiting
-// (-1 on failure). The caller reaps it with WaitForChild.
+// A child running `body`, unwaited; -1 on failure.
 inline pid_t StartChild(const std::function<int()>& body) { return toolkit::StartFunction(body); }
 
-// Waits at most `timeoutSeconds` for `pid`; stops and reaps it when late.
-// Returns its exit status, or -1 when it was late, crashed or is no child.
+// The child's exit status; -1 when it was late (then stopped and reaped),
+// crashed or is no child.
 inline int WaitForChild(pid_t pid, int timeoutSeconds = 30) {
   return toolkit::WaitFor(pid, std::chrono::seconds(timeoutSeconds));
 }
 
-// StartChild, then WaitForChild.
 inline int RunInChild(const std::function<int()>& body, int timeoutSeconds = 30) {
   return WaitForChild(StartChild(body), timeoutSeconds);
 }
 
-// Runs `body` in a child as RunInChild does and hands back the text it
-// returned; "<child failed with status N>" when it did not end with 0 in time.
+// The text `body` returned in a child; "<child failed with status N>" when
+// the child did not end with 0 in time.
 std::string TextFromChild(const std::function<std::string()>& body, int timeoutSeconds = 30);
 
-// Starts `argv` (argv[0] looked up in PATH) with stdin, stdout and stderr on
-// /dev/null; `inherited` descriptors stay open in it. The pid, or -1. The
-// caller reaps it with WaitForChild.
+// `argv` started with stdio on /dev/null, `inherited` kept open; its pid, or -1.
 inline pid_t StartProgram(const std::vector<std::string>& argv,
                           const std::vector<int>& inherited = {}) {
   toolkit::Wiring quiet;
@@ -50,22 +46,18 @@ inline pid_t StartProgram(const std::vector<std::string>& argv,
   return toolkit::StartProgram(argv, quiet);
 }
 
-// StartProgram, then WaitForChild.
 inline int RunQuietly(const std::vector<std::string>& argv, int timeoutSeconds) {
   return WaitForChild(StartProgram(argv), timeoutSeconds);
 }
 
-// Sends the calling process's standard output and error to the end of the
-// file `log`: what the processes it starts print goes there too.
+// Appends this process's stdout and stderr, and its children's, to `log`.
 void SendOutputTo(const std::string& log);
 
-// Drops every id of the calling process to the unprivileged "nobody" user
-// for good (real, effective and saved). False when that is impossible.
+// Every id of this process "nobody"'s for good; false when impossible.
 bool DropToUnprivilegedUser();
 
-// Makes the calling process "nobody" as a web server's request is on the
-// NAS: real and effective ids nobody's, root kept as the saved ids for the
-// library to raise to. False when that is impossible.
+// This process "nobody" as a web server's request is on the NAS: root kept
+// as the saved ids for the library to raise to; false when impossible.
 bool BecomeWebServerUser();
 
 }  // namespace orvotest

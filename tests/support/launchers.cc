@@ -1,9 +1,7 @@
 #include "tests/support/launchers.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,29 +10,21 @@
 #include <chrono>
 #include <filesystem>
 #include <sstream>
-#include <system_error>
 
 #include "tests/support/child.h"
-#include "tests/support/stream_watch.h"
-#include "tests/support/test_media.h"
 
 namespace orvotest {
-namespace fs = std::filesystem;
-namespace {
-
-void Link(const MachineRoot& root, const std::string& built, const std::string& machinePath) {
-  const fs::path link = root.At(machinePath);
-  std::error_code failure;
-  fs::create_directories(link.parent_path(), failure);
-  if (!failure) fs::create_symlink(built, link, failure);
-  if (failure) ADD_FAILURE() << "cannot link " << link << " to " << built << ": " << failure.message();
-}
-
-}  // namespace
 
 void InstallLaunchers(const MachineRoot& root) {
-  Link(root, ORVOVTE_FFMPEG_LAUNCHER, librh::machine::kPackageFFmpeg);
-  Link(root, ORVOVTE_GST_LAUNCHER, librh::machine::kPackageGstLaunch);
+  for (const auto& [built, machinePath] :
+       {std::pair(ORVOVTE_FFMPEG_LAUNCHER, librh::machine::kPackageFFmpeg),
+        std::pair(ORVOVTE_GST_LAUNCHER, librh::machine::kPackageGstLaunch)}) {
+    const std::filesystem::path link = root.At(machinePath);
+    std::error_code failure;
+    std::filesystem::create_directories(link.parent_path(), failure);
+    if (!failure) std::filesystem::create_symlink(built, link, failure);
+    if (failure) ADD_FAILURE() << "cannot link " << link << ": " << failure.message();
+  }
 }
 
 bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough) {

@@ -2,8 +2,6 @@
 // means to run them and look at what they wrote.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
@@ -13,8 +11,7 @@
 namespace orvotest {
 
 // Links the launchers built with the tests into `root` where the library
-// expects the NAS's transcoders (kPackageFFmpeg, kPackageGstLaunch). Records
-// a gtest failure when that fails.
+// expects the NAS's transcoders; a gtest failure when that fails.
 void InstallLaunchers(const MachineRoot& root);
 
 // Reads `fd` into `data` until end of file, or until `data` holds at least
@@ -24,8 +21,7 @@ bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough = std::str
 // Waits until `path` exists, at most `timeoutMs` milliseconds.
 bool WaitForPath(const std::string& path, int timeoutMs);
 
-// Command lines written as one line in tests: "a b c" as {"a", "b", "c"},
-// and back.
+// "a b c" as {"a", "b", "c"}, and back.
 std::vector<std::string> SplitWords(const std::string& line);
 std::string JoinWords(const std::vector<std::string>& words);
 

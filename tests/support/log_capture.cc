@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -23,8 +24,7 @@ LogCapture::LogCapture(Source source) : source_(source) {
   std::ofstream(file_, std::ios::app).flush();
   // The monitors and transcoders of a test may run as another user.
   chmod(file_.c_str(), 0666);
-  struct stat info;
-  if (stat(file_.c_str(), &info) == 0) start_ = info.st_size;
+  start_ = std::filesystem::file_size(file_, ignored);
 }
 
 LogCapture::~LogCapture() {
@@ -37,32 +37,26 @@ const std::vector<LoggedLine>& LogCapture::Lines() const {
   std::ifstream in(file_);
   in.seekg(start_);
   // "<time> <pid> <priority> <tag>:<line> <message>"
-  std::string line;
-  while (std::getline(in, line)) {
+  for (std::string line, time, pid, priority, text; std::getline(in, line);) {
     std::istringstream fields(line);
-    std::string time;
-    std::string pid;
-    std::string priority;
-    fields >> time >> pid >> priority;
-    std::string text;
-    std::getline(fields >> std::ws, text);
+    std::getline(fields >> time >> pid >> priority >> std::ws, text);
     lines_.push_back({librh::log::PriorityFromName(priority), text});
   }
   return lines_;
 }
 
 bool LogCapture::Has(int priority, const std::string& text) const {
-  for (const LoggedLine& line : Lines()) {
-    if (line.priority == priority && line.text == text) return true;
-  }
-  return false;
+  const std::vector<LoggedLine>& lines = Lines();
+  return std::any_of(lines.begin(), lines.end(), [&](const LoggedLine& line) {
+    return line.priority == priority && line.text == text;
+  });
 }
 
 bool LogCapture::Contains(const std::string& fragment) const {
-  for (const LoggedLine& line : Lines()) {
-    if (line.text.find(fragment) != std::string::npos) return true;
-  }
-  return false;
+  const std::vector<LoggedLine>& lines = Lines();
+  return std::any_of(lines.begin(), lines.end(), [&](const LoggedLine& line) {
+    return line.text.find(fragment) != std::string::npos;
+  });
 }
 
 std::string LogCapture::Dump() const {

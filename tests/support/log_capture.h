@@ -1,7 +1,6 @@
-// Collects the lines the library logs: those of this process while the
-// capture lives, instead of syslog; or, from the library's log file under
-// the current machine root, those of every process (monitors, transcoders,
-// requests in children) from the capture's start on.
+// The lines the library logs: this process's while the capture lives,
+// instead of syslog; or every process's (monitors, transcoders, requests in
+// children) in the log file under the machine root, from the capture on.
 #pragma once
 
 #include <sys/types.h>
@@ -30,10 +29,8 @@ class LogCapture {
 
   // From the file: what has been appended so far.
   const std::vector<LoggedLine>& Lines() const;
-  // Whether some line logged at `priority` equals `text`.
-  bool Has(int priority, const std::string& text) const;
-  // Whether some line contains `fragment`.
-  bool Contains(const std::string& fragment) const;
+  bool Has(int priority, const std::string& text) const;  // a line equal to `text`
+  bool Contains(const std::string& fragment) const;       // in some line
   std::string Dump() const;
 
  private:

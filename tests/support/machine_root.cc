@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -18,11 +19,8 @@ namespace {
 
 std::string CpuInfo(const PlatformFiles& platform) {
   std::ostringstream text;
-  int processors = platform.cpuCores > 0 ? platform.cpuCores : 1;
-  for (int i = 0; i < processors; ++i) {
-    text << "processor\t: " << i << "\n"
-         << "vendor_id\t: GenuineIntel\n"
-         << "model name\t: Test CPU\n";
+  for (int i = 0; i < std::max(platform.cpuCores, 1); ++i) {
+    text << "processor\t: " << i << "\nvendor_id\t: GenuineIntel\nmodel name\t: Test CPU\n";
     if (platform.cpuCores > 0) text << "cpu cores\t: " << platform.cpuCores << "\n";
     text << "bogomips\t: " << platform.bogoMips << "\n"
          << "BogoMIPS\t: " << platform.bogoMips << "\n\n";
@@ -32,19 +30,12 @@ std::string CpuInfo(const PlatformFiles& platform) {
 
 }  // namespace
 
-MachineRoot::MachineRoot() : MachineRoot(PlatformFiles{}) {}
-
 MachineRoot::MachineRoot(const PlatformFiles& platform) {
   std::string pattern = (fs::temp_directory_path() / "orvovte-root-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) {
-    ADD_FAILURE() << "mkdtemp failed for " << pattern;
-  }
+  if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed for " << pattern;
   root_ = pattern;
   chmod(root_.c_str(), 0755);
-  if (const char* previous = getenv(machine::kRootVariable)) {
-    previousRoot_ = previous;
-    hadPreviousRoot_ = true;
-  }
+  if (const char* previous = getenv(machine::kRootVariable)) previousRoot_ = previous;
   setenv(machine::kRootVariable, root_.c_str(), 1);
 
   fs::create_directories(At(machine::kTempRoot));
@@ -56,11 +47,8 @@ MachineRoot::MachineRoot(const PlatformFiles& platform) {
 }
 
 MachineRoot::~MachineRoot() {
-  if (hadPreviousRoot_) {
-    setenv(machine::kRootVariable, previousRoot_.c_str(), 1);
-  } else {
-    unsetenv(machine::kRootVariable);
-  }
+  previousRoot_ ? setenv(machine::kRootVariable, previousRoot_->c_str(), 1)
+                : unsetenv(machine::kRootVariable);
   RemoveTree(root_);
   librh::seams::ForgetPlatform();
 }
@@ -88,19 +76,14 @@ void MachineRoot::Play(const PlatformFiles& platform) const {
 }
 
 std::string MachineRoot::AddVolume(int number) const {
-  std::string volume = At("/volume" + std::to_string(number));
+  const std::string volume = At("/volume" + std::to_string(number));
   fs::create_directories(volume);
   return volume;
 }
 
-void MachineRootTest::SetUp() { root_ = std::make_unique<MachineRoot>(); }
-
-void MachineRootTest::TearDown() { root_.reset(); }
-
 void RemoveTree(const std::string& path) {
-  if (path.empty()) return;
   std::error_code ignored;
-  fs::remove_all(path, ignored);
+  if (!path.empty()) fs::remove_all(path, ignored);
 }
 
 }  // namespace orvotest

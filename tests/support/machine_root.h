@@ -5,15 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace orvotest {
 
-// How a platform presents itself to the library.
-// A default PlatformFiles plays a generic x86 box.
+// How a platform presents itself to the library; by default a generic x86 box.
 struct PlatformFiles {
   std::string name = "x86";  // second "_" field of "unique" ("" writes no orvoinfo.conf)
-  int cpuCores = 2;        // "cpu cores" in /proc/cpuinfo (0 writes no such line)
+  int cpuCores = 2;          // "cpu cores" in /proc/cpuinfo (0 writes no such line)
   double bogoMips = 4800.0;
   std::string hostPlatform;  // first line of /proc/orvo_platform ("" writes no file)
 };
@@ -22,9 +22,8 @@ struct PlatformFiles {
 // removed, as a new process would; between those, once, as a process does.
 class MachineRoot {
  public:
-  // Creates the tree and points ORVOVTE_MACHINE_ROOT at it.
-  MachineRoot();  // plays "x86"
-  explicit MachineRoot(const PlatformFiles& platform);
+  // Creates the tree with /volume1 and points ORVOVTE_MACHINE_ROOT at it.
+  explicit MachineRoot(const PlatformFiles& platform = {});
   // Restores the previous ORVOVTE_MACHINE_ROOT and removes the tree.
   ~MachineRoot();
   MachineRoot(const MachineRoot&) = delete;
@@ -43,15 +42,14 @@ class MachineRoot {
 
  private:
   std::string root_;
-  std::string previousRoot_;
-  bool hadPreviousRoot_ = false;
+  std::optional<std::string> previousRoot_;
 };
 
 // A fixture whose every case runs in a fresh x86 machine root with /volume1.
 class MachineRootTest : public ::testing::Test {
  protected:
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override { root_ = std::make_unique<MachineRoot>(); }
+  void TearDown() override { root_.reset(); }
   MachineRoot& Root() { return *root_; }
 
  private:

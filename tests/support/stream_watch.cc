@@ -4,18 +4,12 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-#include <thread>
 
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
@@ -28,24 +22,11 @@
 namespace orvotest {
 namespace {
 
-constexpr int kPidWaitMs = 10000;
-
-// Long enough for the slowest end: a monitor notices its signal within
-// one 2-second poll, then stops ffmpeg.
-constexpr int kEndSeconds = 15;
-
-void KillChildren() {
-  for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(getpid())) {
-    kill(child.pid, SIGKILL);
-  }
-}
-
 bool ReapAll() {
-  for (;;) {
-    const pid_t done = waitpid(-1, nullptr, WNOHANG);
-    if (done > 0) continue;
-    return done < 0 && errno == ECHILD;
+  pid_t done;
+  while ((done = waitpid(-1, nullptr, WNOHANG)) > 0) {
   }
+  return done < 0 && errno == ECHILD;
 }
 
 }  // namespace
@@ -56,9 +37,8 @@ std::string CreateSession(Media media, const std::string& type, const std::strin
   if (source.empty()) return "";
   Json::Value params(Json::objectValue);
   params["stream_id"] = id;
-  return LibOrvoVTE::VTEStream::VTE_Init(source, type, params,
-                                         std::string(ORVOVTE_SAMPLE_PROFILES) + "/" + profileFile,
-                                         profile, "browser", 0);
+  const std::string profiles = std::string(ORVOVTE_SAMPLE_PROFILES) + "/" + profileFile;
+  return LibOrvoVTE::VTEStream::VTE_Init(source, type, params, profiles, profile, "browser", 0);
 }
 
 std::string SessionPath(const std::string& type, const std::string& id, const std::string& name) {
@@ -68,32 +48,28 @@ std::string SessionPath(const std::string& type, const std::string& id, const st
 }
 
 std::string MakeSession(const std::string& type, const std::string& id) {
+  namespace fs = std::filesystem;
   const std::string session = SessionPath(type, id);
+  const std::string volume = librh::machine::Resolve("/volume1/@tmp/Reelhall/");
+  const std::string dir = type == "HTTP" ? session : volume + type + "/" + id;
   std::error_code ignored;
-  std::filesystem::remove_all(session, ignored);
-  std::filesystem::create_directories(std::filesystem::path(session).parent_path());
-  if (type == "HTTP") {
-    std::filesystem::create_directories(session);
-  } else {
-    const std::string dir =
-        librh::machine::Resolve("/volume1/@tmp/Reelhall/" + type + "/" + id);
-    std::filesystem::remove_all(dir, ignored);
-    std::filesystem::create_directories(dir);
-    std::filesystem::create_directory_symlink(dir, session, ignored);
-  }
+  fs::remove_all(session, ignored);
+  fs::remove_all(dir, ignored);
+  fs::create_directories(fs::path(session).parent_path());
+  fs::create_directories(dir);
+  if (dir != session) fs::create_directory_symlink(dir, session, ignored);
   return session;
 }
 
 int RecordedPid(const std::string& pidFile, int unlike) {
   int pid = -1;
-  WaitUntil(
+  const bool came = WaitUntil(
       [&] {
-        const std::string text = LibOrvoVTE::ReadFile(pidFile);
-        pid = text.empty() ? -1 : atoi(text.c_str());
+        pid = atoi(LibOrvoVTE::ReadFile(pidFile).c_str());
         return pid > 0 && pid != unlike;
       },
-      kPidWaitMs);
-  return pid != unlike ? pid : -1;
+      10000);
+  return came ? pid : -1;
 }
 
 bool Ends(int pid, int timeoutMs) {
@@ -107,7 +83,9 @@ void StreamTest::SetUp() {
 }
 
 void StreamTest::TearDown() {
-  EXPECT_TRUE(ChildrenEnded(kEndSeconds)) << "a process of a stream outlived the test";
+  // Long enough for the slowest end: a monitor notices its signal within
+  // one 2-second poll, then stops ffmpeg.
+  EXPECT_TRUE(ChildrenEnded(15)) << "a process of a stream outlived the test";
   MachineRootTest::TearDown();
 }
 
@@ -115,7 +93,9 @@ bool BecomeSubreaper() { return prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0; 
 
 bool ChildrenEnded(int timeoutSeconds) {
   if (WaitUntil(ReapAll, timeoutSeconds * 1000)) return true;
-  KillChildren();
+  for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(getpid())) {
+    kill(child.pid, SIGKILL);
+  }
   WaitUntil(ReapAll, 2000);
   return false;
 }
@@ -123,11 +103,8 @@ bool ChildrenEnded(int timeoutSeconds) {
 std::vector<int> RegistryPids() {
   Json::Value registry;
   std::vector<int> pids;
-  if (!LibReelhall::ReadJsonFromFile(librh::machine::Resolve(librh::machine::kLoadRegistry),
-                                     registry) ||
-      !registry.isArray()) {
-    return pids;
-  }
+  const std::string file = librh::machine::Resolve(librh::machine::kLoadRegistry);
+  if (!LibReelhall::ReadJsonFromFile(file, registry) || !registry.isArray()) return pids;
   for (const Json::Value& entry : registry) {
     if (entry.isObject() && entry["PID"].isInt() && entry["PID"].asInt() != 0) {
       pids.push_back(entry["PID"].asInt());

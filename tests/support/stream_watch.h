@@ -2,7 +2,6 @@
 // (monitors, transcoders) from a test.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,8 +25,7 @@ class StreamTest : public MachineRootTest {
 std::string CreateSession(Media media, const std::string& type, const std::string& profileFile,
                           const std::string& profile, const std::string& id);
 
-// The session directory of `type` and `id` under the current machine root,
-// or the file `name` in it.
+// The session directory of `type` and `id`, or the file `name` in it.
 std::string SessionPath(const std::string& type, const std::string& id,
                         const std::string& name = "");
 
@@ -42,13 +40,12 @@ int RecordedPid(const std::string& pidFile, int unlike = -1);
 // Whether `pid` ends (a zombie has ended) within `timeoutMs`.
 bool Ends(int pid, int timeoutMs = 10000);
 
-// Makes the calling process the subreaper of its descendants, so detached
-// monitors and transcoders become its children when their parents exit and
-// can be reaped and counted.
+// Detached monitors and transcoders become this process's children when
+// their parents exit, to be reaped and counted.
 bool BecomeSubreaper();
 
-// Reaps every child, waiting at most `timeoutSeconds` for the living ones to
-// end. On time-out kills the remaining children and returns false.
+// Reaps every child within `timeoutSeconds`; false (and the rest killed) when
+// some did not end in time.
 bool ChildrenEnded(int timeoutSeconds);
 
 // The pids of the load registry's entries under the current machine root;

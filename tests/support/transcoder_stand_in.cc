@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -23,7 +22,7 @@ void ArmStandIn(const std::string& recordFile, int lingerMs, bool deaf) {
   unlink(recordFile.c_str());
   setenv("ORVOTEST_RECORD", recordFile.c_str(), 1);
   setenv("ORVOTEST_RECORD_LINGER_MS", std::to_string(lingerMs).c_str(), 1);
-  deaf ? setenv("ORVOTEST_RECORD_DEAF", "1", 1) : unsetenv("ORVOTEST_RECORD_DEAF");
+  setenv("ORVOTEST_RECORD_DEAF", deaf ? "1" : "", 1);
 }
 
 Recording ReadRecording(const std::string& recordFile, int timeoutSeconds) {

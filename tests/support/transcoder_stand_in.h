@@ -1,5 +1,6 @@
-// Running a stream's transcoder start-up for real, with a stand-in program
-// in place of the transcoder that records what it was given.
+// A stream's transcoder start-up run for real, with a stand-in program
+// (tests/argv_recorder.cc) in place of the transcoder that records what it
+// was given.
 #pragma once
 
 #include <json/json.h>
@@ -22,18 +23,17 @@ struct Recording {
   std::vector<std::string> argv;
 };
 
-// Makes stand-ins exec'd from now on by this process and its children write
-// to `recordFile` (removed here) and linger `lingerMs` afterwards, ignoring
-// SIGINT and SIGTERM when `deaf`.
+// Stand-ins exec'd from now on by this process and its children write to
+// `recordFile` (removed here), then linger `lingerMs`, deaf to SIGINT and
+// SIGTERM when `deaf`.
 void ArmStandIn(const std::string& recordFile, int lingerMs = 0, bool deaf = false);
 
-// What the stand-in wrote to `recordFile`, waiting at most `timeoutSeconds`
-// for it to appear.
+// What the stand-in wrote to `recordFile`, waiting at most `timeoutSeconds`.
 Recording ReadRecording(const std::string& recordFile, int timeoutSeconds = 0);
 
 // Runs `start` (which execs the stand-in, or returns false) in a child that
-// holds a stray descriptor without close-on-exec, and waits for it. `status` gets the child's exit status: 0 when the stand-in
-// ran, 3 when `start` returned false, -1 when killed.
+// holds a stray descriptor without close-on-exec. `status` gets the child's:
+// 0 when the stand-in ran, 3 when `start` returned false, -1 when killed.
 Recording RecordStart(const std::string& recordFile, const std::function<bool()>& start,
                       int& status);
 
