@@ -87,7 +87,7 @@ TEST_F(SmoothRequests, SeeksOnlyFarAheadOrBehindTheRun) {
   EXPECT_EQ(ReadFile(File("seek_time")), "123");
 }
 
-TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStarted) {
+TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStartedAndServedOnlyWhole) {
   SmoothStream stream("req");
   Stage("0", {0, 50000000, 100000000});
   // A live monitor: this test's own process.
@@ -111,13 +111,8 @@ TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStarted) {
   // With the transcoder ended, what exists is all there will be.
   SaveFile(File("monitor.pid"), "999999999");
   EXPECT_TRUE(stream.VerifyFragmentIsReady(Fragment("video", "100000000"), 0));
-}
-
-// No transcoder runs, so a whole fragment is served at once; one cut short
-// by a full volume (its mdat announces more than the file holds) is removed.
-TEST_F(SmoothRequests, ReadFragmentServesWholeFragmentsOnly) {
-  SmoothStream stream("req");
-  Stage("0", {0});
+  // A whole fragment is served at once; one cut short by a full volume (its
+  // mdat announces more than the file holds) is removed.
   const std::string path = File("smooth/" + Fragment("video", "0"));
   EXPECT_EQ(stream.ReadFragment(Fragment("video", "0")), path);
   std::ofstream(path, std::ios::app) << std::string("\0\0\0\x64mdat", 8) << "short";

@@ -48,9 +48,6 @@ class OpenChecksTest : public ::testing::Test {
     const std::string outcome = stream.InitStreamCommon(audioId, stopOfflineConversion) ? "opened" : "refused";
     return outcome + (stream.GetErrorString().empty() ? "" : " " + stream.GetErrorString());
   }
-  std::string SessionFile(const std::string& name) const {
-    return root_.At(std::string(librh::machine::kTempRoot) + "/" + kType + "/" + id_ + "/" + name);
-  }
 
   // A progressive type: an adaptive one would hold its place from the open on.
   static constexpr char kType[] = "WEBM";
@@ -92,7 +89,7 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
 
     EXPECT_EQ(row.outcome, Open(row.media, "encode", row.audioId)) << context;
     const bool saved = row.outcome == "opened" && !row.audioId.empty();
-    EXPECT_EQ(saved ? row.audioId : "", ReadFile(SessionFile("audio_id"))) << context;
+    EXPECT_EQ(saved ? row.audioId : "", ReadFile(root_.At("/tmp/Reelhall/WEBM/" + id_ + "/audio_id"))) << context;
   }
 }
 
