@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "tests/support/child.h"
@@ -121,26 +120,16 @@ TEST(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheSes
 
   // External files in pattern order (Movie2.srt belongs to another video),
   // then the text track.
-  std::string offered;
-  std::istringstream master(toolkit::ReadWholeFile(dir + "/" + id + ".m3u8"));
-  for (std::string line; std::getline(master, line);) {
-    if (line.rfind("#EXT-X-MEDIA:", 0) != 0) continue;
-    const size_t name = line.find("NAME=\"") + 6;
-    const size_t subtitleId = line.find("subtitle_id=") + 12;
-    offered += line.substr(name, line.find('"', name) - name) + " " +
-               line.substr(subtitleId, line.find('&', subtitleId) - subtitleId) + "\n";
-  }
-  const std::string encoded = PercentEncode(media + "/Movie.eng.srt");
-  const std::string encodedDir = PercentEncode(media);
-  EXPECT_EQ("eng " + encoded + "\nExternal " + encodedDir + "%2FMovie.srt\nchi " + encodedDir +
-                "%2FMovie.chi.ass\nfre 3\n",
-            offered);
-
+  EXPECT_EQ(MasterPlaylist("/api/stream?format=hls&id=subs", {{media + "/Movie.eng.srt", "eng"},
+                                                                {media + "/Movie.srt", "External"},
+                                                                {media + "/Movie.chi.ass", "chi"},
+                                                                {"3", "fre"}}),
+            toolkit::ReadWholeFile(dir + "/" + id + ".m3u8"));
   EXPECT_EQ(dir + "/Movie.eng.srt.subtitle.m3u8", orvotest::TextFromChild([&] {
               return HttpLiveStream(id).GetMainfest("subtitle", media + "/Movie.eng.srt");
             }));
   EXPECT_EQ("#EXTM3U\n#EXT-X-TARGETDURATION:5\n#EXT-X-PLAYLIST-TYPE:VOD\n#EXT-X-ALLOW-CACHE:YES\n#EXTINF:2,\n"
-            "/s?id=m7&subtitle_id=" + encoded +
+            "/s?id=m7&subtitle_id=" + PercentEncode(media + "/Movie.eng.srt") +
                 "&preview=false&output_webvtt=true&webvtt_start_time=0&webvtt_end_time=5\n#EXT-X-ENDLIST\n",
             toolkit::ReadWholeFile(dir + "/Movie.eng.srt.subtitle.m3u8"));
   EXPECT_EQ("closed", orvotest::TextFromChild([&] {

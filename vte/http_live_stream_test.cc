@@ -142,17 +142,12 @@ TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   const std::string twelve = stream_->GetSegmentTsPath(12);
   Prepare("10", {}, false);
   EXPECT_FALSE(stream_->IsStartAbandoned(twelve)) << "no start was ever announced here";
-  int ready[2];
-  ASSERT_EQ(0, pipe(ready));
   const pid_t announcer = orvotest::StartChild([&] {
-    const int held = HttpLiveStream("s").TakeStartLock();
-    if (held < 0 || write(ready[1], "x", 1) != 1) return 1;
+    if (HttpLiveStream("s").TakeStartLock() < 0) return 1;
+    std::ofstream(dir_ + "/held").flush();
     for (;;) pause();
   });
-  close(ready[1]);
-  char byte;
-  ASSERT_EQ(1, read(ready[0], &byte, 1));
-  close(ready[0]);
+  ASSERT_TRUE(orvotest::WaitUntil([&] { return fs::exists(dir_ + "/held"); }, 10000));
   EXPECT_FALSE(stream_->IsStartAbandoned(twelve)) << "a start is announced";
   kill(announcer, SIGKILL);
   orvotest::WaitForChild(announcer, 5);
