@@ -186,19 +186,6 @@ TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheTranscoderListsItWhole) {
   // Listed whole, but a full volume tore its last packet.
   std::ofstream(stream_->GetSegmentTsPath(1), std::ios::app) << "G";
   EXPECT_FALSE(stream_->VerifyFragmentIsReady("1"));
-
-  // Served at once when whole; with no run left and none on its way, the
-  // request for a cut one gives up at once, and the next clears it away.
-  Prepare("1", {1, 2}, false);
-  std::ofstream(dir_ + "/segments.csv") << "slice-00001.ts,5.0,10.0\nslice-00002.ts,10.0,10.5\n";
-  std::ofstream(dir_ + "/start_lock").flush();
-  EXPECT_EQ(dir_ + "/slice-00001.ts", stream_->ReadFragment("1"));
-  const time_t start = time(nullptr);
-  EXPECT_EQ("", stream_->ReadFragment("2"));
-  EXPECT_LT(time(nullptr) - start, 5);
-  stream_->ClearCutSegments();
-  EXPECT_TRUE(fs::exists(stream_->GetSegmentTsPath(1)));
-  EXPECT_FALSE(fs::exists(stream_->GetSegmentTsPath(2)));
 }
 
 }  // namespace

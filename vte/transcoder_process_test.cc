@@ -120,35 +120,6 @@ TEST(TranscoderStartTest, ArgumentVectorAndPipeReachTheTranscoder) {
   close(pipeFds[1]);
 }
 
-// A monitor outlives the request that forked it: it must not keep that
-// request's client connection (here: any descriptor) open.
-TEST(DetachFromCallerTest, KeepsOnlyStdioAndTheNamedDescriptor) {
-  // Numbers far above the one the child's own directory listing takes.
-  int fds[4];
-  ASSERT_EQ(0, pipe(fds));  // inheritable, like a CGI's connection
-  ASSERT_EQ(0, pipe(fds + 2));
-  for (int& fd : fds) {
-    const int moved = fcntl(fd, F_DUPFD, 40);
-    close(fd);
-    fd = moved;
-  }
-  // The child is about to let go of every descriptor: it reports in a file.
-  const std::string report = fs::temp_directory_path() / ("detach-" + std::to_string(getpid()));
-  ASSERT_EQ(0, orvotest::RunInChild([&] {
-    transcoder::DetachFromCaller(fds[3]);
-    std::ofstream out(report);
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) out << entry.path().filename().string() << " ";
-    return 0;
-  }));
-  std::string open;
-  std::getline(std::ifstream(report), open);
-  fs::remove(report);
-  for (int fd : fds) {
-    EXPECT_EQ(fd == fds[3], (" " + open).find(" " + std::to_string(fd) + " ") != std::string::npos) << fd << ": " << open;
-    close(fd);
-  }
-}
-
 class MonitorTest : public orvotest::MachineRootTest {
  protected:
   void SetUp() override {
