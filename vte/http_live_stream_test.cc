@@ -11,11 +11,13 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "tests/support/child.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
+#include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
 
@@ -53,19 +55,19 @@ TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
     const char* profile;
     std::string device, audioFormat, audioId, fragment;
     bool header;
-    const char* expected;  // seek, segment time, start number, header option; audio encoder, rate
+    const char* expected;  // seek, segment time, start number, header option; audio encoder, rate, sampling
   } rows[] = {
-      {Media::kH264AacMp4, kEncode, "browser", "", "", "00012", false, "60 5 00012 0; copy -"},
-      {Media::kH264AacMp4, kRemux, "browser", "", "", "00012", false, "96 8 00012 0; copy -"},
-      {Media::kH264AacMp4, kEncode, "appletv", "", "", "3", false, "16 5 3 0; copy -"},
-      {Media::kH264AacMp4, kEncode, "browser", "", "", "abc", true, "0 5 abc -; copy -"},
-      {Media::kH264AacMp4, kEncode, "browser", "mp3", "", "0", false, "0 5 0 0; libshine 64k"},
-      {Media::kH264AacMp4, kEncode, "browser", "ac3_copy", "", "0", false, "0 5 0 0; copy -"},
-      {Media::kAc3DataTs, kEncode, "browser", "ac3_copy", "", "0", false, "0 5 0 0; copy -"},
-      {Media::kAc3DataTs, kEncode, "chromecast", "ac3_copy", mp2, "0", false, "0 5 0 0; libfdk_aac 64k"},
-      {Media::kAc3DataTs, kEncode, "browser", "aac", "", "0", false, "0 5 0 0; libfdk_aac 64k"},
-      {Media::kAudioOnlyMp3, kEncode, "browser", "", "", "0", false, "- - - -; - -"},  // nothing to segment
-      {Media::kH264AacMp4, kEncode, "browser", "", "", "", false, "- - - -; - -"},
+      {Media::kH264AacMp4, kEncode, "browser", "", "", "00012", false, "60 5 00012 0; copy - -"},
+      {Media::kH264AacMp4, kRemux, "browser", "", "", "00012", false, "96 8 00012 0; copy - -"},
+      {Media::kH264AacMp4, kEncode, "appletv", "", "", "3", false, "16 5 3 0; copy - -"},
+      {Media::kH264AacMp4, kEncode, "browser", "", "", "abc", true, "0 5 abc -; copy - -"},
+      {Media::kH264AacMp4, kEncode, "browser", "mp3", "", "0", false, "0 5 0 0; libshine 64k 48000"},
+      {Media::kH264AacMp4, kEncode, "browser", "ac3_copy", "", "0", false, "0 5 0 0; copy - -"},
+      {Media::kAc3DataTs, kEncode, "browser", "ac3_copy", "", "0", false, "0 5 0 0; copy - -"},
+      {Media::kAc3DataTs, kEncode, "chromecast", "ac3_copy", mp2, "0", false, "0 5 0 0; libfdk_aac 64k 48000"},
+      {Media::kAc3DataTs, kEncode, "browser", "aac", "", "0", false, "0 5 0 0; libfdk_aac 64k 48000"},
+      {Media::kAudioOnlyMp3, kEncode, "browser", "", "", "0", false, "- - - -; - - -"},  // nothing to segment
+      {Media::kH264AacMp4, kEncode, "browser", "", "", "", false, "- - - -; - - -"},
   };
   for (const auto& row : rows) {
     Json::Value doc = orvotest::SessionDocument(row.media, row.profile);
@@ -78,7 +80,7 @@ TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
     const std::vector<std::string> args = stream.RunArguments(row.fragment);
     std::string found;
     for (const char* option : {"-hls_seek_time", "-segment_time", "-segment_start_number",
-                               "-individual_header_trailer", "-acodec", "-ab"}) {
+                               "-individual_header_trailer", "-acodec", "-ab", "-ar"}) {
       const auto at = std::find(args.begin(), args.end(), option);
       found += (at != args.end() && at + 1 != args.end() ? *(at + 1) : "-") + (option[1] == 'i' ? "; " : " ");
     }
@@ -88,6 +90,63 @@ TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
     fs::remove_all(dir);
   }
 }
+
+// The session `id` as VTE_Init leaves it: a 1920x800 video with sample aspect
+// `sar`:`sar` turned by `rotate`, an AAC track "1" and an AC-3 track "2".
+void WriteSizedSession(const orvotest::MachineRoot& root, const std::string& id, int sar, int rotate,
+                  const std::string& profile) {
+  const std::string sarText = std::to_string(sar);
+  orvotest::MakeSession("HLS", id);
+  root.WriteFile("/tmp/Reelhall/HLS/" + id + "/video_metadata",
+                 R"({"container_type":"matroska,webm","profile_value":")" + profile +
+                     R"(","track_info":{"video":[{"id":"0","track":"0","codec":"h264",)"
+                     R"("resolutionx":1920,"resolutiony":800,"sample_aspect_ratio_num":)" +
+                     sarText + R"(,"sample_aspect_ratio_den":)" + sarText +
+                     R"(,"rotate":)" + std::to_string(rotate) +
+                     R"(}],"audio":[{"id":"1","track":"1","codec":"aac"},)"
+                     R"({"id":"2","track":"2","codec":"ac3"}]}})");
+}
+
+// Callers built against the system's own declaration name a non-const
+// member; a const one would be another symbol, which they would not find.
+static_assert(std::is_same_v<decltype(&VTEStream::ForceFFmpegAudioFormat),
+                             std::vector<std::string> (VTEStream::*)(
+                                 const std::vector<std::string>&, const std::string&)>);
+
+// The size fitted to the source (a hardware encoder gets it without an
+// aspect; one that cannot be fitted stays as it was).
+TEST(ForcedOptionsTest, VideoSizeFittedToTheSource) {
+  orvotest::MachineRoot root;
+  WriteSizedSession(root, "square", 0, 0, "-vcodec libx264");
+  WriteSizedSession(root, "sar", 1, 0, "-vcodec libx264");
+  WriteSizedSession(root, "turned", 0, 90, "-vcodec libx264");
+  WriteSizedSession(root, "hw", 0, 0, "-vcodec h264_smd -s hd720");
+  const struct {
+    const char* session;
+    const char* options;
+    bool noAspect;
+    const char* forced;
+  } rows[] = {
+      {"square", "-vcodec x -s hd720 -r 25", false, "-vcodec x -s 1280x720 -aspect 1.77778 -r 25"},
+      {"square", "-vcodec x -s hd720 -r 25", true, "-vcodec x -s 1280x532 -r 25"},
+      // ffmpeg carries a source's own sample aspect ratio over by itself.
+      {"sar", "-s hd720", false, "-s 1280x720"},
+      {"turned", "-s hd720", false, "-s 720x1280 -aspect 0.5625"},
+      {"turned", "-s hd720", true, "-s 300x720"},
+      {"square", "hd720 -s", false, "hd720 -s"},
+      {"square", "-s hd4k", false, "-s hd4k"},
+      {"hw", "-s hd720", false, "-s 1280x532"},
+  };
+  orvotest::PlatformFiles evansport;
+  evansport.name = "evansport";
+  root.Play(evansport);
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.forced, orvotest::JoinWords(InspectedStream(row.session).ForceFFmpegVideoSize(
+                              orvotest::SplitWords(row.options), row.noAspect)))
+        << row.session << " " << row.options << " noAspect " << row.noAspect;
+  }
+}
+
 
 // A session with the given segments and "seek_time", whose monitor is this
 // process (alive) or absent.
