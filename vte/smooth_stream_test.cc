@@ -1,16 +1,25 @@
+#include "vte/smooth_stream.h"
+
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <string>
 #include <vector>
 
+#include "tests/support/child.h"
+#include "tests/support/documents.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
+#include "tests/support/mp4_fragment.h"
 #include "tests/support/stream_watch.h"
-#include "vte/smooth_stream.h"
+#include "tests/support/test_media.h"
+#include "toolkit/files.h"
+#include "vte/smooth_manifest.h"
+#include "vte/utils/json_utils.h"
 #include "vte/utils/vteutils.h"
 
 // Fragment requests judged against staged session files: no transcoder runs
@@ -137,6 +146,124 @@ TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
   EXPECT_EQ(" -ac 2 -vf scale=w='if(gt(dar,320/240),320,2*trunc(240*dar/2))':"
             "h='if(gt(dar,320/240),2*trunc(320/dar/2),240)',pad=320:240:-1:-1 -fragment_length 5 -seek_time 0",
             turned.substr(turned.find(" -ac 2 ")));
+}
+
+using smooth::QualityValues;
+
+// The chunks are 5 s, the last one what is left; the total in single
+// precision.
+TEST(SmoothManifest, ChunksDurationsAndTheUrlAttribute) {
+  QualityValues values;
+  ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", false, 4.0f / 3, values));
+  const std::string url = "/api/stream?format=ss&amp;id=abc";
+  // The last chunk is what is left; the total in single precision.
+  const std::string longest = smooth::RenderManifest(7201, url, values);
+  EXPECT_NE(longest.find("Duration=\"72009998336\""), std::string::npos);
+  EXPECT_NE(longest.find("Chunks=\"1441\""), std::string::npos);
+  EXPECT_NE(longest.find("<c n=\"1440\" d=\"10000000\" />\n</StreamIndex>"), std::string::npos);
+  // Durations no file really has: none, or beyond a month (a fuzzed one
+  // overflowed the chunk count).
+  for (const float seconds : {0.0f, std::numeric_limits<float>::quiet_NaN(), 2678401.0f}) {
+    EXPECT_EQ(smooth::RenderManifest(seconds, url, values), "") << seconds;
+  }
+  // A URL that cannot fit the line buffer gives no manifest rather than a
+  // cut one; one that would break the attribute is escaped, references
+  // already written are kept.
+  EXPECT_EQ(smooth::RenderManifest(12, std::string(5000, 'u'), values), "");
+  EXPECT_NE(smooth::RenderManifest(3, "/s?a=1&amp;b=\"><x&y&#38;", values)
+                .find("Url=\"/s?a=1&amp;b=&quot;>&lt;x&amp;y&#38;&amp;fragment_id="),
+            std::string::npos);
+}
+
+// The hardware list is the engine's own: its parameter sets cannot be
+// regenerated here, so one row stands for them. Sizes follow the nearer
+// aspect class.
+TEST(SmoothManifest, HardwareRowAspectClassesAndTheListsKeepToTheirEncoder) {
+  QualityValues wide;
+  ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_hd720_h264_smd_vb1500_aac_ab128", true, 2.35f, wide));
+  EXPECT_EQ(wide.width + "x" + wide.height, "1280x540");
+  EXPECT_EQ(wide.codecPrivateData,
+            "000000016742c029da0140117efff00510050100000303e90000bb800f1832a00000000168ce1f20");
+  EXPECT_FALSE(smooth::ProfileValues("smoothstreaming_hd1080_x264_vb4500_vf15_aac_ab128", false, 1.77f, wide));
+  EXPECT_EQ("1.33 1.77 1.77 2.35 ", smooth::AspectClass(1.55f) + " " + smooth::AspectClass(1.56f) + " " +
+                                        smooth::AspectClass(2.06f) + " " + smooth::AspectClass(2.07f) + " ");
+}
+
+// The software rows are what x264 really emits with the profiles' settings:
+// every size, encoded by the stock encoder in one run.
+TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
+  std::string dir = (std::filesystem::temp_directory_path() / "smooth-sps-XXXXXX").string();
+  ASSERT_NE(mkdtemp(dir.data()), nullptr);
+  Json::Value profiles;
+  ASSERT_TRUE(LibReelhall::ReadJsonFromFile(std::string(ORVOVTE_SAMPLE_PROFILES) + "/smooth.json", profiles));
+  std::vector<std::string> argv =
+      orvotest::SplitWords("ffmpeg -nostdin -y -v error -f lavfi -i testsrc=size=320x240:rate=25:duration=1");
+  std::vector<std::pair<std::string, QualityValues>> outputs;
+  for (const std::string& name : profiles.getMemberNames()) {
+    if (name.find("_h264_smd_") != std::string::npos) continue;
+    for (float ratio : {4.0f / 3, 16.0f / 9, 2.35f}) {
+      QualityValues values;
+      ASSERT_TRUE(smooth::ProfileValues(name, false, ratio, values)) << name;
+      const std::string out = dir + "/" + std::to_string(outputs.size()) + ".h264";
+      outputs.emplace_back(out, values);
+      // The profile's video options, with the height key as the size.
+      const std::vector<std::string> words = StringExplode(profiles[name].asString(), " ");
+      for (size_t i = 0; i < words.size() && words[i] != "-acodec"; ++i) {
+        argv.push_back(i > 0 && words[i - 1] == "-s" ? values.width + "x" + values.height : words[i]);
+      }
+      argv.insert(argv.end(), {"-pix_fmt", "yuv420p", "-frames:v", "1", "-f", "h264", out});
+    }
+  }
+  ASSERT_EQ(orvotest::RunQuietly(argv, 60), 0);
+  for (const auto& [path, values] : outputs) {
+    // SPS and PPS open the stream; x264's own SEI follows.
+    const std::string sets = orvotest::BytesFromHex(values.codecPrivateData);
+    EXPECT_EQ(sets, toolkit::ReadWholeFile(path).substr(0, sets.size())) << values.width << "x" << values.height;
+  }
+  orvotest::RemoveTree(dir);
+}
+
+// Init on a real session of the 2-second 4:3 clip writes the manifest, byte
+// for byte, with the session's URL, which carries the caller's optional keys
+// of the right type, escaped. A hardware profile where there is no hardware
+// encoder (the software list has no 1080 row), or a missing url, removes the
+// session.
+TEST(SmoothInit, WritesTheManifestOrRemovesTheSession) {
+  orvotest::MachineRoot root;
+  Json::Value params = orvotest::ParseJson(
+      R"({"url": "/api/stream", "format": "ss", "api": "A.S", "version": 18446744073709551615, "method": 3,
+          "hls_header": true, "token": "t\"k", "_sid": null, "OrvoToken": "o", "sharing_id": 1.5})");
+  const std::string profile = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
+  ASSERT_EQ("ss1", orvotest::CreateSession(orvotest::Media::kH264AacMp4, "SS", "smooth.json", profile, "ss1"));
+  SmoothStream stream("ss1");
+  ASSERT_TRUE(stream.Init(params, Json::Value(), "", "")) << stream.GetErrorString();
+  const std::string url =
+      "Url=\"/api/stream?format=ss&amp;id=ss1&amp;api=A.S&amp;version=18446744073709551615&amp;hls_header=1&amp;"
+      "token=t&quot;k&amp;OrvoToken=o&amp;fragment_id=QualityLevels({bitrate})/";
+  const std::string chunk = "<c n=\"0\" d=\"20000000\" />\n</StreamIndex>\n";
+  EXPECT_EQ("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+            "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"0\" Duration=\"20000000\">\n"
+            "<StreamIndex Type=\"video\" QualityLevels=\"1\" Chunks=\"1\" " +
+                url + "Fragments(video={start time})\">\n"
+                "<QualityLevel Index=\"0\" Bitrate=\"200000\" FourCC=\"H264\" MaxWidth=\"320\" "
+                "MaxHeight=\"240\" CodecPrivateData=\"000000016742c01eda0507e840000003004000000783c58b"
+                "a80000000168ce1f20\" />\n" +
+                chunk + "<StreamIndex Type=\"audio\" QualityLevels=\"1\" Chunks=\"1\" " + url +
+                "Fragments(audio={start time})\">\n"
+                "<QualityLevel Index=\"0\" Bitrate=\"40000\" FourCC=\"AACL\" SamplingRate=\"48000\" "
+                "Channels=\"2\" BitsPerSample=\"16\" PacketSize=\"4\" AudioTag=\"255\" "
+                "CodecPrivateData=\"1190\" />\n" +
+                chunk + "</SmoothStreamingMedia>\n",
+            toolkit::ReadWholeFile(stream.GetMainfest()));
+  EXPECT_TRUE(stream.Close());
+  for (const auto& [failing, url] : {std::make_pair("smoothstreaming_hd1080_h264_smd_vb4500_aac_ab128", "/api/stream"),
+                                     std::make_pair("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", "")}) {
+    ASSERT_EQ("ss2", orvotest::CreateSession(orvotest::Media::kH264AacMp4, "SS", "smooth.json", failing, "ss2"));
+    params["url"] = url;
+    SmoothStream refused("ss2");
+    EXPECT_FALSE(refused.Init(params, Json::Value(), "", "")) << failing;
+    EXPECT_FALSE(VerifyFileExist(refused.GetVTEFileFullPath(""), 0)) << failing;
+  }
 }
 
 }  // namespace
