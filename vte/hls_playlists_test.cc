@@ -67,8 +67,7 @@ TEST(HlsPlaylistsTest, MasterPlaylistNamesRenditionsUniquelyAndEncodesTheirIds) 
             MasterPlaylist(kUrl, {}));
 }
 
-// The caller's keys passed on in order; languages kept as codes or shooter labels; text tracks offered from
-// MP4 and Matroska only.
+// Text tracks are offered from MP4 and Matroska only.
 TEST(HlsPlaylistsTest, SubtitleUrlLanguagesAndTracks) {
   EXPECT_EQ(std::string("/s?id=m7&subtitle_id=") + kSubtitleIdPlaceholder +
                 "&subtitle_codepage=big5&api=A&version=2&method=get&_sid=S&OrvoToken=T",
@@ -94,10 +93,9 @@ TEST(HlsPlaylistsTest, SubtitleUrlLanguagesAndTracks) {
   EXPECT_TRUE(InternalSubtitleEntries("mpegts", tracks).empty());
 }
 
-// A real session of a Matroska file with a SubRip track ("fre", track 3),
-// beside three subtitle files; each request runs in a process of its own.
-// Each subtitle entry follows the video's grid, the short last one asking
-// for a whole window.
+// A Matroska file with a SubRip track ("fre", 3) beside three subtitle files;
+// each request in a process of its own. The short last entry asks for a
+// whole window.
 TEST(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheSession) {
   orvotest::MachineRoot root;
   const std::string media = root.At("/volume1/video");

@@ -91,8 +91,7 @@ TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
   }
 }
 
-// The session `id` as VTE_Init leaves it: a 1920x800 video with sample aspect
-// `sar`:`sar` turned by `rotate`, an AAC track "1" and an AC-3 track "2".
+// A 1920x800 video with sample aspect `sar`:`sar`, turned by `rotate`.
 void WriteSizedSession(const orvotest::MachineRoot& root, const std::string& id, int sar, int rotate,
                   const std::string& profile) {
   const std::string sarText = std::to_string(sar);
@@ -192,10 +191,8 @@ TEST_F(SegmentStateTest, RestartOnlyWhenTheRunWillNotReachTheSegmentSoon) {
   }
 }
 
-// A restart in the grace window is abandoned only when nothing will ever
-// serve it: no request between announcing it and its monitor recording
-// itself (the start lock, held by another process here), no monitor, and
-// no segment.
+// A restart is abandoned only when nothing will serve it: no request holds
+// the start lock (another process here), no monitor, no segment.
 TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   Start(orvotest::SessionDocument(Media::kH264AacMp4, kEncode));
   const std::string twelve = stream_->GetSegmentTsPath(12);
@@ -218,9 +215,8 @@ TEST_F(SegmentStateTest, StartInTheWindowIsAbandonedOnlyWhenNobodyWillServeIt) {
   }
 }
 
-// Complete once the transcoder has listed it with its full length, the last
-// segment of the video with what is left of it; a run stopped by a signal
-// lists its last segment cut short, one killed does not list it.
+// Complete once listed with its full length (the last one with what is
+// left); a run stopped by a signal lists its last segment cut short.
 TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheTranscoderListsItWhole) {
   Json::Value doc = orvotest::SessionDocument(Media::kH264AacMp4, kEncode);
   doc["duration"] = 12;

@@ -73,9 +73,8 @@ class HttpStreamTest : public orvotest::StreamTest {
   }
 };
 
-// For each progressive kind: a run at 30 s whose reader has stopped
-// reading, then a seek, a new run of the same stream at 10 s, on a machine
-// that runs one transcoder; then another request closes the stream.
+// Per progressive kind, on a machine that runs one transcoder: a run at 30 s
+// whose reader stopped, a seek to 10 s, then another request closes.
 TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
   const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
   constexpr size_t kHead = 96 * 1024;  // enough for ffprobe to find both streams
@@ -134,7 +133,6 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
   }
 }
 
-// The wait is counted in seconds made short for the test.
 TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
   Root().WriteFile("/silent-transcoder", "#!/bin/sh\nexec sleep 60\n");
   const std::string silent = Root().At("/silent-transcoder");

@@ -52,8 +52,7 @@ class SmoothRequests : public orvotest::MachineRootTest {
     ASSERT_EQ("req", orvotest::CreateSession(orvotest::Media::kH264AacMp4, "SS", "smooth.json", kProfile, "req"));
   }
   std::string File(const std::string& name) { return orvotest::SessionPath("SS", "req", name); }
-  // Replaces the fragments with video ones of a whole box each at `times`
-  // (100 ns).
+  // Video fragments of one whole box each at `times` (100 ns).
   void Stage(const std::string& seekTime, const std::vector<long long>& times) {
     fs::remove_all(File("smooth"));
     fs::remove(File("seek_time"));
@@ -120,8 +119,7 @@ TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStartedAndServedOnlyWhole) {
   // With the transcoder ended, what exists is all there will be.
   SaveFile(File("monitor.pid"), "999999999");
   EXPECT_TRUE(stream.VerifyFragmentIsReady(Fragment("video", "100000000"), 0));
-  // A whole fragment is served at once; one cut short by a full volume (its
-  // mdat announces more than the file holds) is removed.
+  // One cut short by a full volume (its mdat announces more) is removed.
   const std::string path = File("smooth/" + Fragment("video", "0"));
   EXPECT_EQ(stream.ReadFragment(Fragment("video", "0")), path);
   std::ofstream(path, std::ios::app) << std::string("\0\0\0\x64mdat", 8) << "short";
@@ -129,9 +127,8 @@ TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStartedAndServedOnlyWhole) {
   EXPECT_FALSE(fs::exists(path));
 }
 
-// The predicted size comes from the seek; a quarter-turned picture is
-// fitted into the frame with bars, also by a profile that has no filters of
-// its own (the playback test shows it fitted by the software profile's).
+// A quarter-turned picture is fitted with bars by a profile without filters
+// too (the playback test sees the software profile's).
 TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
   const std::string head = "-vcodec libx264 -preset veryfast";
   const std::string software = StagedSmooth("req").Arguments(120, false);
@@ -150,34 +147,27 @@ TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
 
 using smooth::QualityValues;
 
-// The chunks are 5 s, the last one what is left; the total in single
-// precision.
+// Chunks of 5 s, the last one what is left; the total in single precision.
 TEST(SmoothManifest, ChunksDurationsAndTheUrlAttribute) {
   QualityValues values;
   ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", false, 4.0f / 3, values));
   const std::string url = "/api/stream?format=ss&amp;id=abc";
-  // The last chunk is what is left; the total in single precision.
   const std::string longest = smooth::RenderManifest(7201, url, values);
   EXPECT_NE(longest.find("Duration=\"72009998336\""), std::string::npos);
   EXPECT_NE(longest.find("Chunks=\"1441\""), std::string::npos);
   EXPECT_NE(longest.find("<c n=\"1440\" d=\"10000000\" />\n</StreamIndex>"), std::string::npos);
-  // Durations no file really has: none, or beyond a month (a fuzzed one
-  // overflowed the chunk count).
+  // Durations no file has; beyond a month, a fuzzed one overflowed.
   for (const float seconds : {0.0f, std::numeric_limits<float>::quiet_NaN(), 2678401.0f}) {
     EXPECT_EQ(smooth::RenderManifest(seconds, url, values), "") << seconds;
   }
-  // A URL that cannot fit the line buffer gives no manifest rather than a
-  // cut one; one that would break the attribute is escaped, references
-  // already written are kept.
+  // A URL too long gives no manifest, not a cut one; references kept.
   EXPECT_EQ(smooth::RenderManifest(12, std::string(5000, 'u'), values), "");
   EXPECT_NE(smooth::RenderManifest(3, "/s?a=1&amp;b=\"><x&y&#38;", values)
                 .find("Url=\"/s?a=1&amp;b=&quot;>&lt;x&amp;y&#38;&amp;fragment_id="),
             std::string::npos);
 }
 
-// The hardware list is the engine's own: its parameter sets cannot be
-// regenerated here, so one row stands for them. Sizes follow the nearer
-// aspect class.
+// The hardware sets cannot be regenerated here: one row stands for them.
 TEST(SmoothManifest, HardwareRowAspectClassesAndTheListsKeepToTheirEncoder) {
   QualityValues wide;
   ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_hd720_h264_smd_vb1500_aac_ab128", true, 2.35f, wide));
@@ -223,11 +213,9 @@ TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
   orvotest::RemoveTree(dir);
 }
 
-// Init on a real session of the 2-second 4:3 clip writes the manifest, byte
-// for byte, with the session's URL, which carries the caller's optional keys
-// of the right type, escaped. A hardware profile where there is no hardware
-// encoder (the software list has no 1080 row), or a missing url, removes the
-// session.
+// The manifest of the 2-second 4:3 clip, with the caller's optional keys of
+// the right type, escaped; no hardware encoder for a hardware profile (the
+// software list has no 1080 row), or no url, removes the session.
 TEST(SmoothInit, WritesTheManifestOrRemovesTheSession) {
   orvotest::MachineRoot root;
   Json::Value params = orvotest::ParseJson(

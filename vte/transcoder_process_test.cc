@@ -40,11 +40,8 @@ void KillAndReap(pid_t pid) {
   waitpid(pid, nullptr, 0);
 }
 
-// The seek first; the hardware decoding path only where it works (not for
-// flv sources or rotated pictures); both streams chosen where HLS needs
-// them; Braswell's placeholders and pipeline kept as its encoder fills them.
-// The pipe reaches the transcoder although it is close-on-exec here, and
-// nothing else does. "@IN" is the source, "@FD" the pipe.
+// Hardware decoding only where it works (not for flv or rotated sources). The
+// pipe reaches the transcoder though close-on-exec here, and nothing else.
 TEST(TranscoderStartTest, ArgumentVectorAndPipeReachTheTranscoder) {
   orvotest::MachineRoot root;
   const std::string program = orvotest::StandInProgram();
@@ -151,7 +148,6 @@ TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
   flock(lock, LOCK_UN);
   close(lock);
 
-  // Bounded by the racers' own lives.
   int loserStatus = 0;
   const pid_t loser = waitpid(-1, &loserStatus, 0);
   const pid_t winner = loser == racers[0] ? racers[1] : racers[0];
