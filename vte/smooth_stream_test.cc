@@ -147,8 +147,9 @@ TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
 
 using smooth::QualityValues;
 
-// Chunks of 5 s, the last one what is left; the total in single precision.
-TEST(SmoothManifest, ChunksDurationsAndTheUrlAttribute) {
+// Chunks of 5 s, the last one what is left; the total in single precision;
+// the nearer aspect class and the hardware list.
+TEST(SmoothManifest, ChunksDurationsUrlAttributeAspectClassesAndHardwareSets) {
   QualityValues values;
   ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", false, 4.0f / 3, values));
   const std::string url = "/api/stream?format=ss&amp;id=abc";
@@ -162,21 +163,15 @@ TEST(SmoothManifest, ChunksDurationsAndTheUrlAttribute) {
   }
   // A URL too long gives no manifest, not a cut one; references kept.
   EXPECT_EQ(smooth::RenderManifest(12, std::string(5000, 'u'), values), "");
+  // The hardware sets cannot be regenerated here: one row stands for them.
+  ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_hd720_h264_smd_vb1500_aac_ab128", true, 2.35f, values));
+  EXPECT_EQ("1280x540 000000016742c029da0140117efff00510050100000303e90000bb800f1832a00000000168ce1f20",
+            values.width + "x" + values.height + " " + values.codecPrivateData);
+  EXPECT_EQ("1.33 1.77 1.77 2.35 ", smooth::AspectClass(1.55f) + " " + smooth::AspectClass(1.56f) + " " +
+                                        smooth::AspectClass(2.06f) + " " + smooth::AspectClass(2.07f) + " ");
   EXPECT_NE(smooth::RenderManifest(3, "/s?a=1&amp;b=\"><x&y&#38;", values)
                 .find("Url=\"/s?a=1&amp;b=&quot;>&lt;x&amp;y&#38;&amp;fragment_id="),
             std::string::npos);
-}
-
-// The hardware sets cannot be regenerated here: one row stands for them.
-TEST(SmoothManifest, HardwareRowAspectClassesAndTheListsKeepToTheirEncoder) {
-  QualityValues wide;
-  ASSERT_TRUE(smooth::ProfileValues("smoothstreaming_hd720_h264_smd_vb1500_aac_ab128", true, 2.35f, wide));
-  EXPECT_EQ(wide.width + "x" + wide.height, "1280x540");
-  EXPECT_EQ(wide.codecPrivateData,
-            "000000016742c029da0140117efff00510050100000303e90000bb800f1832a00000000168ce1f20");
-  EXPECT_FALSE(smooth::ProfileValues("smoothstreaming_hd1080_x264_vb4500_vf15_aac_ab128", false, 1.77f, wide));
-  EXPECT_EQ("1.33 1.77 1.77 2.35 ", smooth::AspectClass(1.55f) + " " + smooth::AspectClass(1.56f) + " " +
-                                        smooth::AspectClass(2.06f) + " " + smooth::AspectClass(2.07f) + " ");
 }
 
 // The software rows are what x264 really emits with the profiles' settings:
