@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -11,11 +10,11 @@
 #include "decisions/argument_helper.h"
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
+#include "platform/test_seams.h"
 #include "tests/support/child.h"
 #include "tests/support/decoded_media.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
-#include "tests/support/short_waits.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "vte/utils/vteutils.h"
@@ -24,88 +23,40 @@ namespace LibOrvoVTE {
 namespace {
 
 using orvotest::Media;
-using Clock = std::chrono::steady_clock;
 
 constexpr char kProfile[] = "http_320x240_x264_vb256_mp3_ab64";
-// Enough of a transport stream for ffprobe to find both streams.
-constexpr size_t kHeadBytes = 96 * 1024;
-// A runaway transcoder must not make a test read forever.
-constexpr size_t kMaxBytes = 16 * 1024 * 1024;
+constexpr char kWebMProfile[] = "webm_320x240_vp8_vb256_vorbis_ab64";
 
 // Reads until the stream ends or `limit` bytes have come, appending to `file`.
 size_t ReadInto(DirectStream& stream, const std::string& file, size_t limit) {
   std::ofstream out(file, std::ios::binary | std::ios::app);
   char buffer[16384];
   size_t total = 0;
-  while (total < limit) {
-    const int got = stream.Read(buffer, sizeof(buffer));
-    if (got <= 0) break;
+  for (int got; total < limit && (got = stream.Read(buffer, sizeof(buffer))) > 0;) {
     out.write(buffer, got);
     total += static_cast<size_t>(got);
   }
   return total;
 }
 
-TEST(ProgressiveArithmetic, RateSizeAndTimeFromTheProfileName) {
-  const struct {
-    const char* key;
-    int rate;
-  } rates[] = {
-      {"http_hd480_x264_vb1024_aac_ab128", 1310720},
-      {"vb1024_ab128_vb512", 786432},  // the later video token wins
-      {"ab64\nvb256", 393216},  {"http_hd720_x264_vb2048", -1}, {"http_aac_ab128", -1},
-      {"avb100_ab10", -1},      {"___", -1},                    {"", -1},
-  };
-  for (const auto& c : rates) EXPECT_EQ(progressive::TransBitRate(c.key), c.rate) << c.key;
-
-  const struct {
-    int rate;
-    unsigned int duration;
-    unsigned long long bytes;
-  } sizes[] = {
-      {1310720, 40, 6553600}, {1310720, 0, 0}, {-1, 40, 0},
-      // In single precision 16777217 s is 2^24 s; double would give 152576 more.
-      {1220608, 16777217, 2559800508416ULL},
-  };
-  for (const auto& c : sizes) {
-    EXPECT_EQ(progressive::PredictSize(c.rate, c.duration), c.bytes)
-        << c.rate << " for " << c.duration << " s";
-  }
-
-  const struct {
-    long long offset;
-    int rate;
-    long long seconds;
-  } times[] = {
-      {0, 1310720, 0},           {1638400, 1310720, 10},  {1638399, 1310720, 9},
-      {-1638400, 1310720, -10},  {-1, 1310720, 0},        {4294967296LL, 1310720, 26214},
-      {100, 0, -1},              {100, -1, -1},
-  };
-  for (const auto& c : times) {
-    EXPECT_EQ(progressive::ByteOffsetToSeconds(c.offset, c.rate), c.seconds)
-        << c.offset << " at " << c.rate;
-  }
-}
-
-TEST(ProgressiveArithmetic, ScaleResolution) {
-  const struct {
-    float ratio;
-    const char* requested;
-    bool ok;
-    const char* result;
-  } cases[] = {
-      {16.0f / 9.0f, "hd720", true, "1280x720"},
-      {1.7778f, "hd720", true, "1290x720"},  // 1280.016 rounds up
-      {1.3333f, "hd480", true, "640x480"},      {2.35f, "hd720", true, "1700x720"},
-      {1.7778f, "1920x1080", true, "1920x1080"}, {1.7778f, "", false, ""},
-      {0.0f, "hd720", false, "hd720"},          {-1.0f, "hd480", false, "hd480"},
-  };
-  for (const auto& c : cases) {
-    std::string result = "stale";
-    EXPECT_EQ(progressive::ScaleResolution(c.ratio, c.requested, result), c.ok)
-        << c.ratio << " " << c.requested;
-    EXPECT_EQ(result, c.result) << c.ratio << " " << c.requested;
-  }
+// Rates in bytes a second from the profile name, the later video token
+// winning; sizes in single precision (16777217 s is 2^24 s: double would
+// give 152576 bytes more); offsets rounded down to whole seconds.
+TEST(ProgressiveArithmetic, RateSizeTimeAndScaledResolution) {
+  EXPECT_EQ(1310720, progressive::TransBitRate("http_hd480_x264_vb1024_aac_ab128"));
+  EXPECT_EQ(786432, progressive::TransBitRate("vb1024_ab128_vb512"));
+  EXPECT_EQ(-1, progressive::TransBitRate("http_hd720_x264_vb2048"));
+  EXPECT_EQ(6553600u, progressive::PredictSize(1310720, 40));
+  EXPECT_EQ(2559800508416ULL, progressive::PredictSize(1220608, 16777217));
+  EXPECT_EQ(0u, progressive::PredictSize(-1, 40));
+  EXPECT_EQ(9, progressive::ByteOffsetToSeconds(1638399, 1310720));
+  EXPECT_EQ(0, progressive::ByteOffsetToSeconds(-1, 1310720));
+  EXPECT_EQ(-1, progressive::ByteOffsetToSeconds(100, 0));
+  std::string size = "stale";
+  EXPECT_TRUE(progressive::ScaleResolution(1.7778f, "hd720", size));
+  EXPECT_EQ("1290x720", size);  // 1280.016 rounds up
+  EXPECT_FALSE(progressive::ScaleResolution(0.0f, "hd480", size));
+  EXPECT_EQ("hd480", size);
 }
 
 class HttpStreamTest : public orvotest::StreamTest {
@@ -120,69 +71,64 @@ class HttpStreamTest : public orvotest::StreamTest {
     }, 10000);
     return pid;
   }
-
-  static std::string Ffmpeg() { return librh::machine::Resolve(librh::machine::kPackageFFmpeg); }
 };
 
-// For each progressive kind: a run at 30 s whose reader has stopped
-// reading, then a seek, a new run of the same stream at 10 s, on a machine
-// that runs one transcoder; then another request closes the stream.
+// Per progressive kind, on a machine that runs one transcoder: a run at 30 s
+// whose reader stopped, a seek to 10 s, then another request closes.
 TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
-  const struct {
-    std::string type, file, profile;
-  } kinds[] = {{"HTTP", "http.json", kProfile},
-               {"WEBM", "webm.json", "webm_320x240_vp8_vb256_vorbis_ab64"}};
-  for (const auto& kind : kinds) {
-    const std::string id = orvotest::CreateSession(Media::kLongH264Mp3Mkv, kind.type, kind.file,
-                                                   kind.profile, "seek-" + kind.type);
-    ASSERT_EQ(id, "seek-" + kind.type);
+  const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
+  constexpr size_t kHead = 96 * 1024;  // enough for ffprobe to find both streams
+  constexpr size_t kMax = 16 * 1024 * 1024;  // a runaway transcoder must not read forever
+  for (const std::string type : {"HTTP", "WEBM"}) {
+    const bool http = type == "HTTP";
+    const std::string id = "seek-" + type;
+    ASSERT_EQ(id, orvotest::CreateSession(Media::kLongH264Mp3Mkv, type, http ? "http.json" : "webm.json",
+                                          http ? kProfile : kWebMProfile, id));
     const auto open = [&]() -> std::unique_ptr<DirectStream> {
-      if (kind.type == "HTTP") return std::make_unique<HttpStream>(id);
+      if (http) return std::make_unique<HttpStream>(id);
       return std::make_unique<WebMStream>(id);
     };
-    const std::string head = Root().Path() + "/head-" + kind.type;
+    const std::string head = Root().Path() + "/head-" + type;
     const std::unique_ptr<DirectStream> stream = open();
     ASSERT_TRUE(stream->Init(""));
-    ASSERT_TRUE(stream->Transcoding(Ffmpeg(), 30));
-    ASSERT_GE(ReadInto(*stream, head, kHeadBytes), kHeadBytes) << kind.type;
+    ASSERT_TRUE(stream->Transcoding(ffmpeg, 30));
+    ASSERT_GE(ReadInto(*stream, head, kHead), kHead) << type;
     const int replaced = OnlyTranscoder();
-    ASSERT_GT(replaced, 0) << kind.type;
+    ASSERT_GT(replaced, 0) << type;
 
     // The running transcoder, blocked on its full pipe, ends and gives back
     // its slot before the new run is checked; its reader sees the end.
     const std::unique_ptr<DirectStream> seek = open();
-    ASSERT_TRUE(seek->Init("")) << kind.type << " " << seek->GetErrorString();
-    EXPECT_TRUE(orvotest::Ends(replaced)) << kind.type;
-    EXPECT_FALSE(orvotest::Registered(replaced)) << kind.type;
-    EXPECT_LT(ReadInto(*stream, head + ".rest", kMaxBytes), kMaxBytes) << kind.type;
-    const std::string seekHead = Root().Path() + "/seek-" + kind.type;
-    ASSERT_TRUE(seek->Transcoding(Ffmpeg(), 10));
-    ASSERT_GE(ReadInto(*seek, seekHead, kHeadBytes), kHeadBytes) << kind.type;
+    ASSERT_TRUE(seek->Init("")) << type << " " << seek->GetErrorString();
+    EXPECT_TRUE(orvotest::Ends(replaced)) << type;
+    EXPECT_FALSE(orvotest::Registered(replaced)) << type;
+    EXPECT_LT(ReadInto(*stream, head + ".rest", kMax), kMax) << type;
+    const std::string seekHead = Root().Path() + "/seek-" + type;
+    ASSERT_TRUE(seek->Transcoding(ffmpeg, 10));
+    ASSERT_GE(ReadInto(*seek, seekHead, kHead), kHead) << type;
     const int transcoder = OnlyTranscoder();
-    EXPECT_NE(transcoder, replaced) << kind.type;
+    EXPECT_NE(transcoder, replaced) << type;
 
-    // The new transcoder is blocked on the pipe, alive, while another
-    // request closes the stream.
-    EXPECT_EQ(orvotest::RunInChild([&] { return open()->Close() ? 0 : 1; }), 0) << kind.type;
-    EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(kind.type, id))) << kind.type;
-    // What was still in the pipe drains, then the stream ends.
-    EXPECT_LT(ReadInto(*seek, seekHead + ".rest", kMaxBytes), kMaxBytes) << kind.type;
-    EXPECT_TRUE(orvotest::Ends(transcoder)) << kind.type;
+    // Another request closes the stream while its transcoder is blocked on
+    // the pipe; what was still in the pipe drains, then the stream ends.
+    EXPECT_EQ(orvotest::RunInChild([&] { return open()->Close() ? 0 : 1; }), 0) << type;
+    EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(type, id))) << type;
+    EXPECT_LT(ReadInto(*seek, seekHead + ".rest", kMax), kMax) << type;
+    EXPECT_TRUE(orvotest::Ends(transcoder)) << type;
     EXPECT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().empty(); }, 10000))
-        << kind.type << ": the slot was never given back";
+        << type << ": the slot was never given back";
     EXPECT_TRUE(stream->Close());
     EXPECT_TRUE(seek->Close());
 
     // Transport stream timestamps are the source's, plus the muxer's fixed
     // 1.4 s; the head of a WebM file says too little to tell.
-    if (kind.type != "HTTP") continue;
+    if (!http) continue;
     for (const auto& [file, start] : {std::pair{head, 30.0}, std::pair{seekHead, 10.0}}) {
       orvotest::ProbedMedia media;
       ASSERT_TRUE(orvotest::ProbeMedia(file, &media)) << file;
-      const orvotest::ProbedStream* video = media.Stream("video");
-      ASSERT_NE(video, nullptr) << "no video in the first bytes of " << file;
-      EXPECT_GE(video->start, start) << file;
-      EXPECT_LT(video->start, start + 2) << file;
+      ASSERT_NE(media.Stream("video"), nullptr) << "no video in the first bytes of " << file;
+      EXPECT_GE(media.Stream("video")->start, start) << file;
+      EXPECT_LT(media.Stream("video")->start, start + 2) << file;
     }
   }
 }
@@ -196,12 +142,13 @@ TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
   ASSERT_TRUE(stream.Init(""));
   ASSERT_TRUE(stream.Transcoding(silent, 0));
   const int transcoder = orvotest::RecordedPid(orvotest::SessionPath("HTTP", id, "monitor.pid"));
-
-  orvotest::ShortWaits shortWaits;
+  constexpr std::chrono::milliseconds kSecond{100};
+  librh::seams::SetWaitSecond(kSecond);
   char buffer[4096];
-  const Clock::time_point start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(stream.Read(buffer, sizeof(buffer)), -1);
-  const double waited = orvotest::ShortWaits::Seconds(Clock::now() - start);
+  const double waited = (std::chrono::steady_clock::now() - start) / std::chrono::duration<double>(kSecond);
+  librh::seams::SetWaitSecond(std::chrono::seconds(1));
   EXPECT_GE(waited, 30.0);
   EXPECT_LT(waited, 40.0);
   EXPECT_TRUE(OLIBCProcAlive(transcoder));
@@ -217,29 +164,23 @@ TEST_F(HttpStreamTest, WebMCopiesOnlyAacAndMp3AudioAndStartsAtTheSeekTime) {
     const char* audioId;  // "" : the first track
     bool copy;
   } cases[] = {
-      {Media::kH264AacMp4, "", true},     {Media::kLongH264Mp3Mkv, "", true},
-      {Media::kVp9VorbisWebm, "", false}, {Media::kTracksMkv, "2", false},  // AC-3
+      {Media::kLongH264Mp3Mkv, "", true},
+      {Media::kVp9VorbisWebm, "", false},
+      {Media::kTracksMkv, "2", false},  // AC-3
       {Media::kTracksMkv, "1", true},
   };
   int number = 0;
   for (const auto& c : cases) {
-    const std::string label = orvotest::MediaName(c.media) + " [" + c.audioId + "]";
-    const std::string id = orvotest::CreateSession(c.media, "WEBM", "webm.json",
-                                                   "webm_320x240_vp8_vb256_vorbis_ab64",
+    const std::string id = orvotest::CreateSession(c.media, "WEBM", "webm.json", kWebMProfile,
                                                    "audio" + std::to_string(number++));
-    ASSERT_FALSE(id.empty()) << label;
-    if (*c.audioId != '\0') {
-      ASSERT_TRUE(SaveFile(orvotest::SessionPath("WEBM", id, "audio_id"), c.audioId)) << label;
-    }
+    if (*c.audioId != '\0') SaveFile(orvotest::SessionPath("WEBM", id, "audio_id"), c.audioId);
     const std::string words = orvotest::JoinWords(WebMStream(id).CalculateFFmpegArgument(1));
-    const std::string encoder = c.copy ? "copy" : ArgumentHelper::GetMP3Encoder();
-    EXPECT_NE(words.find(" -acodec " + encoder + " "), std::string::npos) << label << ": " << words;
-    EXPECT_EQ(c.copy, words.find(" -ab ") == std::string::npos) << label << ": " << words;
-    EXPECT_EQ(words.substr(words.rfind(" -webm_seek_time")), " -webm_seek_time 1 -avoid_negative_ts 0")
-        << label;
+    const std::string audio = c.copy ? "-acodec copy " : "-acodec " + ArgumentHelper::GetMP3Encoder() + " -ab ";
+    EXPECT_NE(words.find(audio), std::string::npos) << number << ": " << words;
+    EXPECT_EQ(c.copy, words.find(" -ab ") == std::string::npos) << number << ": " << words;
+    EXPECT_EQ(words.substr(words.rfind(" -webm_seek_time")), " -webm_seek_time 1 -avoid_negative_ts 0");
   }
-  const std::string id = orvotest::CreateSession(Media::kLongH264Mp3Mkv, "WEBM", "webm.json",
-                                                 "webm_320x240_vp8_vb256_vorbis_ab64", "end");
+  const std::string id = orvotest::CreateSession(Media::kLongH264Mp3Mkv, "WEBM", "webm.json", kWebMProfile, "end");
   EXPECT_FALSE(WebMStream(id).CalculateFFmpegArgument(40).empty());
   EXPECT_TRUE(WebMStream(id).CalculateFFmpegArgument(41).empty());
 }

@@ -4,18 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <map>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/child.h"
+#include "tests/support/documents.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
 #include "vte/liborvovte.h"
+#include "vte/utils/md5.h"
 #include "vte/utils/vteutils.h"
 
 // Every case opens a session holding the probe document of generated media.
@@ -30,64 +32,21 @@ class OpenedStream : public VTEStream {
   OpenedStream(const std::string& id, const std::string& type) : VTEStream(id, type) {}
 };
 
-// "opened" or "refused", and the error code the stream was left with.
-std::string Outcome(bool opened, const VTEStream& stream) {
-  const std::string error = stream.GetErrorString();
-  return std::string(opened ? "opened" : "refused") + (error.empty() ? "" : " " + error);
-}
-
-// The offline conversion service, played by the conversion-standin program.
-class StandIn {
- public:
-  explicit StandIn(std::vector<std::string> options) {
-    options.insert(options.begin(), ORVOTEST_CONVERSION_STANDIN);
-    if (access(options[0].c_str(), X_OK) != 0) {
-      ADD_FAILURE() << options[0] << " is missing: build the conversion-standin target";
-      return;
-    }
-    pid_ = orvotest::StartProgram(options);
-    // It writes its pid file once its registry entry is in place.
-    for (int tick = 0; tick < 1000 && !Ready(); ++tick) usleep(10 * 1000);
-    EXPECT_TRUE(Ready()) << "the stand-in never registered";
-  }
-  ~StandIn() {
-    if (pid_ > 0) kill(pid_, SIGTERM);
-    Wait(10);
-  }
-
-  bool Ready() const { return pid_ > 0 && OLIBCReadPidFile(PidFile().c_str()) == pid_; }
-  bool Running() const { return pid_ > 0 && OLIBCProcAlive(pid_); }
-  // Its exit status once it has ended by itself; -1 when late (then killed).
-  int Wait(int timeoutSeconds) {
-    const int status = pid_ > 0 ? orvotest::WaitForChild(pid_, timeoutSeconds) : -1;
-    pid_ = -1;
-    return status;
-  }
-  static std::string PidFile() {
-    return librh::machine::Resolve(librh::machine::kConversionPidFile);
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
 class OpenChecksTest : public ::testing::Test {
  protected:
-  // A session of `media` with `profile` as VTE_Init leaves it, `change`d,
-  // opened by a new stream object.
+  // A session of `media` with `profile` as VTE_Init leaves it, its video
+  // changed by the keys of `video`, opened by a new stream object.
   std::string Open(Media media, const char* profile, const std::string& audioId = "",
-                   bool stopOfflineConversion = false,
-                   const std::function<void(Json::Value&)>& change = nullptr) {
+                   bool stopOfflineConversion = false, const std::string& video = "{}") {
     Json::Value doc = orvotest::SessionDocument(media, kProfiles.at(profile));
-    if (change) change(doc["track_info"]["video"][0u]);
+    const Json::Value change = orvotest::ParseJson(video);
+    for (const std::string& key : change.getMemberNames()) doc["track_info"]["video"][0u][key] = change[key];
     // Each open gets a session of its own, as VTE_Init would give it.
     id_ = "open-" + std::to_string(++sessions_);
     orvotest::WriteSession(kType, id_, doc);
     OpenedStream stream(id_, kType);
-    return Outcome(stream.InitStreamCommon(audioId, stopOfflineConversion), stream);
-  }
-  std::string SessionFile(const std::string& name) const {
-    return root_.At(std::string(librh::machine::kTempRoot) + "/" + kType + "/" + id_ + "/" + name);
+    const std::string outcome = stream.InitStreamCommon(audioId, stopOfflineConversion) ? "opened" : "refused";
+    return outcome + (stream.GetErrorString().empty() ? "" : " " + stream.GetErrorString());
   }
 
   // A progressive type: an adaptive one would hold its place from the open on.
@@ -112,7 +71,6 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
     Allowance allowance;
     std::string outcome;
   } rows[] = {
-      {tracks, "", kNone, "opened"},
       {tracks, "2", kNone, "opened"},
       {tracks, "7", kNone, "refused TransAudioNotSupported"},
       {eac3, "", kNone, "refused TransAudioNotSupported"},
@@ -122,47 +80,37 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
       {Media::kVideoOnlyAvi, "5", kNone, "opened"},  // no audio at all: any id will do
   };
   for (const auto& row : rows) {
-    const std::string context = orvotest::MediaName(row.media) + " audio [" + row.audioId +
-                                "] allowance " + std::to_string(row.allowance);
-    root_.WriteFile(librh::machine::kCodecsConf, row.allowance == kSwitchedOn
-                                                     ? "support_codec_dts=\"yes\"\n"
-                                                     : "support_codec_dts=\"no\"\n");
+    const std::string context = orvotest::MediaName(row.media) + " [" + row.audioId + "] " + std::to_string(row.allowance);
+    root_.WriteFile(librh::machine::kCodecsConf,
+                    std::string("support_codec_dts=") + (row.allowance == kSwitchedOn ? "\"yes\"\n" : "\"no\"\n"));
     std::error_code ignored;
     fs::remove(root_.At(librh::machine::kSystemFFmpeg), ignored);
     if (row.allowance == kCustomFFmpeg) root_.WriteFile(librh::machine::kSystemFFmpeg, "#!/bin/sh\n");
 
     EXPECT_EQ(row.outcome, Open(row.media, "encode", row.audioId)) << context;
     const bool saved = row.outcome == "opened" && !row.audioId.empty();
-    EXPECT_EQ(saved ? row.audioId : "", ReadFile(SessionFile("audio_id"))) << context;
+    EXPECT_EQ(saved ? row.audioId : "", ReadFile(root_.At("/tmp/Reelhall/WEBM/" + id_ + "/audio_id"))) << context;
   }
 }
 
 // Each picture exceeds one limit of a hardware engine: taller than 2160,
 // 4K-sized at 25 fps, 10-bit, and too tall for Evansport's MJPEG decoder.
 TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
-  using Change = std::function<void(Json::Value&)>;
-  const auto sized = [](int width, int height, const char* codec = "h264") -> Change {
-    return [=](Json::Value& video) {
-      video["resolutionx"] = width;
-      video["resolutiony"] = height;
-      video["codec"] = codec;
-      video["framerate"] = 25.0;
-    };
-  };
-  const Change tall = sized(16, 2176), fast4k = sized(16, 1936), mjpeg = sized(16, 496, "mjpeg");
-  const Change vp9 = [](Json::Value& video) { video["codec"] = "vp9"; };
-  const Change high10 = [](Json::Value& video) { video["profile"] = "High 10"; };
+  const std::string tall = R"({"resolutionx": 16, "resolutiony": 2176, "framerate": 25.0})";
+  const std::string fast4k = R"({"resolutionx": 16, "resolutiony": 1936, "framerate": 25.0})";
+  const std::string mjpeg = R"({"resolutionx": 16, "resolutiony": 496, "framerate": 25.0, "codec": "mjpeg"})";
+  const std::string vp9 = R"({"codec": "vp9"})";
   const struct {
     const char* platform;
     const char* profile;
-    Change change;
+    std::string video;
     std::string outcome;
   } rows[] = {
       {"monaco", "pipeline", vp9, "refused TransVideoNotHardwareSupported"},
       {"monaco", "pipeline", tall, "refused TransVideoOutOfResolutionCapability"},
-      {"monaco", "pipeline", high10, "refused TransVideoOutOfProfileCapability"},
+      {"monaco", "pipeline", R"({"profile": "High 10"})", "refused TransVideoOutOfProfileCapability"},
       {"monaco", "pipeline", fast4k, "refused TransVideoOutOfFramerateCapability"},
-      {"monaco", "pipeline", nullptr, "opened"},
+      {"monaco", "pipeline", "{}", "opened"},
       {"monaco", "encode", vp9, "opened"},  // software needs no engine
       {"evansport", "smd", mjpeg, "refused TransVideoNotSupported"},
       {"evansport", "smd", tall, "opened"},
@@ -173,7 +121,7 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
     orvotest::PlatformFiles files;
     files.name = row.platform;
     root_.Play(files);
-    EXPECT_EQ(row.outcome, Open(Media::kH264AacMp4, row.profile, "", false, row.change))
+    EXPECT_EQ(row.outcome, Open(Media::kH264AacMp4, row.profile, "", false, row.video))
         << row.platform << " " << row.profile << ", expected " << row.outcome;
   }
 }
@@ -181,21 +129,52 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
 // Asked to, the stream waits for the service to give up its slot; on
 // Braswell it need not.
 TEST_F(OpenChecksTest, OfflineConversionBlocksUnlessAskedToYield) {
-  StandIn service({"--yield-after", "1"});
-  ASSERT_TRUE(service.Ready());
+  const std::string pidFile = librh::machine::Resolve(librh::machine::kConversionPidFile);
+  // The service writes its pid file once its registry entry is in place.
+  const auto start = [&](std::vector<std::string> argv) {
+    argv.insert(argv.begin(), ORVOTEST_CONVERSION_STANDIN);
+    const pid_t pid = orvotest::StartProgram(argv);
+    EXPECT_TRUE(orvotest::WaitUntil([&] { return OLIBCReadPidFile(pidFile.c_str()) == pid; }, 10000));
+    return pid;
+  };
+  const pid_t service = start({"--yield-after", "1"});
   EXPECT_EQ("refused TransEnableOfflineConverting", Open(Media::kH264AacMp4, "encode"));
-  EXPECT_TRUE(service.Running()) << "a stream that does not ask must not disturb the service";
+  EXPECT_TRUE(OLIBCProcAlive(service)) << "a stream that does not ask must not disturb the service";
   EXPECT_EQ("opened", Open(Media::kH264AacMp4, "encode", "", true));
-  EXPECT_EQ(-1, OLIBCReadPidFile(StandIn::PidFile().c_str())) << "opened before the service yielded";
-  EXPECT_EQ(0, service.Wait(10)) << "the service was asked to yield and did";
+  EXPECT_EQ(-1, OLIBCReadPidFile(pidFile.c_str())) << "opened before the service yielded";
+  EXPECT_EQ(0, orvotest::WaitForChild(service, 10)) << "the service was asked to yield and did";
 
   // Braswell's engine has room for both: its stream leaves the service be.
   orvotest::PlatformFiles braswell;
   braswell.name = "braswell";
   root_.Play(braswell);
-  StandIn hardware({"--hardware"});
+  const pid_t hardware = start({"--hardware"});
   EXPECT_EQ("opened", Open(Media::kH264AacMp4, "pipeline"));
-  EXPECT_TRUE(hardware.Running() && hardware.Ready()) << "the service must be left undisturbed";
+  EXPECT_EQ(hardware, OLIBCReadPidFile(pidFile.c_str())) << "the service must be left undisturbed";
+  kill(hardware, SIGTERM);
+  orvotest::WaitForChild(hardware, 10);
+}
+
+// Without a "stream_id" the id is the MD5 of the path, "_" and a number; a
+// profile that cannot be read, or an argument missing, leaves no session.
+TEST_F(OpenChecksTest, VTEInitNamesSessionsAndRefusesUnusableArguments) {
+  const std::string clip = orvotest::TestMedia(Media::kH264AacMp4);
+  const std::string profiles = root_.At("/profiles.json");
+  root_.WriteFile("/profiles.json", R"({"encode": "-vcodec libx264"})");
+  root_.WriteFile("/not.json", "hls = -vcodec copy");
+  const std::string id = VTEStream::VTE_Init(clip, "HTTP", Json::Value(), profiles, "encode", "browser", 0);
+  EXPECT_TRUE(std::regex_match(id, std::regex(LibReelhall::GetMD5(clip) + "_[0-9]+"))) << id;
+  const struct {
+    std::string path, type, file, profile;
+  } rows[] = {{clip, "HLS", profiles, "absent"}, {clip, "HLS", root_.At("/not.json"), "encode"},
+              {clip, "HLS", root_.At("/missing.json"), "encode"}, {"", "HLS", profiles, "encode"},
+              {clip, "", profiles, "encode"}, {clip, "HLS", profiles, ""}};
+  for (const auto& row : rows) {
+    EXPECT_EQ("", VTEStream::VTE_Init(row.path, row.type, orvotest::ParseJson(R"({"stream_id": "bad"})"),
+                                      row.file, row.profile, "", 0))
+        << row.path << " " << row.type << " " << row.file << " " << row.profile;
+  }
+  EXPECT_FALSE(fs::exists(root_.At("/tmp/Reelhall/HLS/bad/video_metadata")));
 }
 
 }  // namespace
