@@ -52,7 +52,8 @@ class HostileInputTest : public orvotest::MachineRootTest {
     }
     return true;
   }
-  const std::string victims_[2] = {"/victim/keep", librh::machine::kTempRoot + std::string("/victim/keep")};
+  const std::string victims_[2] = {"/victim/keep",
+                                   librh::machine::kTempRoot + std::string("/victim/keep")};
 
   // VTE_Init of a short clip as an "HLS" or "SS" session, then Init with
   // `key`=`value` among the parameters, as two web requests would: "ok" or
@@ -76,9 +77,9 @@ class HostileInputTest : public orvotest::MachineRootTest {
 };
 
 TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhere) {
-  for (const std::string& id : std::vector<std::string>{"../victim", "../../victim", "/victim", "a/b", ".", "..", "",
-                                "  \t ", "id\nx", "id\rx", "id\x1b", "id\x7f",
-                                std::string("id\0/../../victim", 16)}) {
+  for (const std::string& id : std::vector<std::string>{
+           "../victim", "../../victim", "/victim", "a/b", ".", "..", "", "  \t ", "id\nx", "id\rx",
+           "id\x1b", "id\x7f", std::string("id\0/../../victim", 16)}) {
     for (const std::string type : {"HLS", "SS"}) {
       // Every entry point: session creation, then a stream object of the id
       // asked to open, serve and close.
@@ -120,31 +121,36 @@ TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
   };
   for (const auto& row : rows) {
     const std::string session = orvotest::SessionPath(row.type, row.type == "HLS" ? "hls" : "ss");
-    const std::string seen = orvotest::TextFromChild([&] {
-      const std::unique_ptr<AdaptStream> stream = Stream(row.type, row.type == "HLS" ? "hls" : "ss");
-      // Smooth serves a fragment without a transcoding request before it.
-      if (row.type == "HLS" && (stream->Transcoding(row.id) ||
-                                HttpLiveStream("hls").CalculateSeekTime(row.id) != -1)) {
-        return std::string("accepted");
-      }
-      const std::string served = stream->ReadFragment(row.id);
-      if (served.empty()) return refused;
-      const bool within = served.rfind(session + "/", 0) == 0 && served.find("..") == std::string::npos;
-      return within ? inside : served;
-    }, 20);
+    const std::string seen = orvotest::TextFromChild(
+        [&] {
+          const std::unique_ptr<AdaptStream> stream =
+              Stream(row.type, row.type == "HLS" ? "hls" : "ss");
+          // Smooth serves a fragment without a transcoding request before it.
+          if (row.type == "HLS" && (stream->Transcoding(row.id) ||
+                                    HttpLiveStream("hls").CalculateSeekTime(row.id) != -1)) {
+            return std::string("accepted");
+          }
+          const std::string served = stream->ReadFragment(row.id);
+          if (served.empty()) return refused;
+          const bool within =
+              served.rfind(session + "/", 0) == 0 && served.find("..") == std::string::npos;
+          return within ? inside : served;
+        },
+        20);
     EXPECT_EQ(seen, row.seen) << Printable(row.id);
     EXPECT_TRUE(VictimsIntact()) << Printable(row.id);
     HostileRow(row.type == "HLS" ? "HLS fragment id" : "Smooth fragment id",
                "`" + Printable(row.id) + "`", seen);
   }
-  for (const auto& [id, name] : std::vector<std::pair<std::string, std::string>>{
-           {"../../victim/keep", "keep.subtitle.m3u8"},
-           {"/etc/passwd", "passwd.subtitle.m3u8"},
-           {"..", "...subtitle.m3u8"},
-           {"dir/", ""}}) {
+  for (const auto& [id, name] :
+       std::vector<std::pair<std::string, std::string>>{{"../../victim/keep", "keep.subtitle.m3u8"},
+                                                        {"/etc/passwd", "passwd.subtitle.m3u8"},
+                                                        {"..", "...subtitle.m3u8"},
+                                                        {"dir/", ""}}) {
     EXPECT_EQ(hls::SubtitlePlaylistName(id), name) << id;
-    HostileRow("subtitle id", "`" + Printable(id) + "`",
-               name.empty() ? "no playlist name (refused)" : "playlist `" + name + "` in the session");
+    HostileRow(
+        "subtitle id", "`" + Printable(id) + "`",
+        name.empty() ? "no playlist name (refused)" : "playlist `" + name + "` in the session");
   }
   // A NUL would end the playlist's file name early, at a file of the session.
   const std::string subtitle("monitor.pid\0", 12);
@@ -152,7 +158,8 @@ TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
                 [&] { return HttpLiveStream("hls").GetMainfest("subtitle", subtitle); }),
             "");
   EXPECT_EQ(toolkit::ReadWholeFile(pid), "4242");
-  HostileRow("subtitle id", "`" + Printable(subtitle) + "`", "no playlist; \"monitor.pid\" untouched");
+  HostileRow("subtitle id", "`" + Printable(subtitle) + "`",
+             "no playlist; \"monitor.pid\" untouched");
 }
 
 // Another local user plants sessions of its own in the shared trees: a link
@@ -213,11 +220,12 @@ TEST_F(HostileInputTest, SessionsPlantedByAnotherUserAreNeverFollowed) {
   }
   kill(bystander, SIGKILL);
   orvotest::WaitForChild(bystander, 5);
-  HostileRow("planted session (another user)",
-             "links to a victim's directory and to a session-shaped directory of its own, a plain "
-             "\"HTTP\" directory, each with a bystander's pid; then close, stream, playlist as root",
-             "nothing followed, written, removed or signalled; the type directories are sticky, "
-             "the library's own sessions cannot be removed or replaced");
+  HostileRow(
+      "planted session (another user)",
+      "links to a victim's directory and to a session-shaped directory of its own, a plain "
+      "\"HTTP\" directory, each with a bystander's pid; then close, stream, playlist as root",
+      "nothing followed, written, removed or signalled; the type directories are sticky, "
+      "the library's own sessions cannot be removed or replaced");
 }
 
 // A value that opens is written as it is into the playlist, escaped into
@@ -227,11 +235,16 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
     std::string type, key, value;
     bool opens;
   } rows[] = {
-      {"HLS", "_sid", "abc\n#EXT-X-ENDLIST", false}, {"HLS", "token", "a\rb", false},
-      {"HLS", "api", "x\ty", false},                 {"HLS", "method", "m\x7f", false},
-      {"HLS", "url", "/api\x01/stream", false},      {"HLS", "OrvoToken", "safe-token_1.~", true},
-      {"SS", "_sid", "abc\n</SmoothStreamingMedia>", false}, {"SS", "sharing_id", "a\x0b", false},
-      {"SS", "OrvoToken", "x\"/><Evil a=\"", true},  {"SS", "method", "a<b&c", true},
+      {"HLS", "_sid", "abc\n#EXT-X-ENDLIST", false},
+      {"HLS", "token", "a\rb", false},
+      {"HLS", "api", "x\ty", false},
+      {"HLS", "method", "m\x7f", false},
+      {"HLS", "url", "/api\x01/stream", false},
+      {"HLS", "OrvoToken", "safe-token_1.~", true},
+      {"SS", "_sid", "abc\n</SmoothStreamingMedia>", false},
+      {"SS", "sharing_id", "a\x0b", false},
+      {"SS", "OrvoToken", "x\"/><Evil a=\"", true},
+      {"SS", "method", "a<b&c", true},
   };
   int number = 0;
   for (const auto& row : rows) {
@@ -250,15 +263,17 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
       EXPECT_NE(text.find("&lt;"), std::string::npos) << text;
     }
     HostileRow("query value (" + row.type + ")", "`" + row.key + "=" + Printable(row.value) + "`",
-               !row.opens ? "Init fails, no playlist written"
-                          : row.type == "HLS" ? "opens" : "opens, value escaped in the manifest");
+               !row.opens          ? "Init fails, no playlist written"
+               : row.type == "HLS" ? "opens"
+                                   : "opens, value escaped in the manifest");
     // An open Smooth session (a transcode) holds the machine's one place.
     if (row.type == "SS") orvotest::RunInChild([&] { return SmoothStream(id).Close() ? 0 : 1; });
   }
-  EXPECT_EQ(hls::SubtitleURLTemplate(orvotest::ParseJson(
-                R"({"url":"/s","id":"s","subtitle_id":"1","_sid":"a\nb"})")),
+  EXPECT_EQ(hls::SubtitleURLTemplate(
+                orvotest::ParseJson(R"({"url":"/s","id":"s","subtitle_id":"1","_sid":"a\nb"})")),
             "");
-  HostileRow("query value (subtitle URL)", "`_sid=a\\nb`", "no subtitle URL (the playlist is not written)");
+  HostileRow("query value (subtitle URL)", "`_sid=a\\nb`",
+             "no subtitle URL (the playlist is not written)");
 }
 
 }  // namespace

@@ -44,11 +44,11 @@ TEST_F(SubtitleServiceTest, AnswersWindowsOfOfferedSubtitlesOnly) {
        refused + media + "/../video/Movie.eng.srt beside the video\n"},
   };
   for (const auto& row : rows) {
-    const std::string target = "/webapi/subtitle.cgi?id=m1&subtitle_id=" +
-                               LibOrvoVTE::hls::PercentEncode(row.subtitleId) +
-                               "&api=A.Subtitle&version=2&preview=false&output_webvtt=true"
-                               "&webvtt_start_time=" +
-                               row.window;
+    const std::string target =
+        "/webapi/subtitle.cgi?id=m1&subtitle_id=" + LibOrvoVTE::hls::PercentEncode(row.subtitleId) +
+        "&api=A.Subtitle&version=2&preview=false&output_webvtt=true"
+        "&webvtt_start_time=" +
+        row.window;
     toolkit::Wiring wiring;
     wiring.err = STDOUT_FILENO;
     std::string printed;
