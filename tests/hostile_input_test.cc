@@ -99,11 +99,12 @@ TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhe
 // Fragment ids: refused, or a path inside the session. Subtitle ids: a
 // playlist name inside the session, or none.
 TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
-  ASSERT_EQ(Open("SS", "ss"), "ok");
-  ASSERT_EQ(Open("HLS", "hls"), "ok");
-  const std::string pid = orvotest::SessionPath("HLS", "hls", "monitor.pid");
+  // Each session is named after its type.
+  ASSERT_EQ(Open("SS", "SS"), "ok");
+  ASSERT_EQ(Open("HLS", "HLS"), "ok");
+  const std::string pid = orvotest::SessionPath("HLS", "HLS", "monitor.pid");
   std::ofstream(pid) << "4242";
-  std::ofstream(orvotest::SessionPath("HLS", "hls", "subtitle.m3u8.tpl")) << "#EXTM3U\n";
+  std::ofstream(orvotest::SessionPath("HLS", "HLS", "subtitle.m3u8.tpl")) << "#EXTM3U\n";
   const std::string refused = "refused (\"\")";
   const std::string inside = "a path inside the session";
   const struct {
@@ -120,14 +121,13 @@ TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
       {"HLS", std::string("1\0/../../x", 10), refused},
   };
   for (const auto& row : rows) {
-    const std::string session = orvotest::SessionPath(row.type, row.type == "HLS" ? "hls" : "ss");
+    const std::string session = orvotest::SessionPath(row.type, row.type);
     const std::string seen = orvotest::TextFromChild(
         [&] {
-          const std::unique_ptr<AdaptStream> stream =
-              Stream(row.type, row.type == "HLS" ? "hls" : "ss");
+          const std::unique_ptr<AdaptStream> stream = Stream(row.type, row.type);
           // Smooth serves a fragment without a transcoding request before it.
           if (row.type == "HLS" && (stream->Transcoding(row.id) ||
-                                    HttpLiveStream("hls").CalculateSeekTime(row.id) != -1)) {
+                                    HttpLiveStream("HLS").CalculateSeekTime(row.id) != -1)) {
             return std::string("accepted");
           }
           const std::string served = stream->ReadFragment(row.id);
@@ -155,7 +155,7 @@ TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
   // A NUL would end the playlist's file name early, at a file of the session.
   const std::string subtitle("monitor.pid\0", 12);
   EXPECT_EQ(orvotest::TextFromChild(
-                [&] { return HttpLiveStream("hls").GetMainfest("subtitle", subtitle); }),
+                [&] { return HttpLiveStream("HLS").GetMainfest("subtitle", subtitle); }),
             "");
   EXPECT_EQ(toolkit::ReadWholeFile(pid), "4242");
   HostileRow("subtitle id", "`" + Printable(subtitle) + "`",
