@@ -67,6 +67,7 @@ class FaultTest : public orvotest::PlaybackTest, public testing::WithParamInterf
     ASSERT_TRUE(orvotest::CompleteSegment(Segment("s", 0)));
     close(client);
     monitor_ = MonitorPid("s");
+    ASSERT_GT(monitor_, 0);
     ASSERT_EQ(orvotest::RegistryPids().size(), 1u);
     transcoder_ = orvotest::RegistryPids()[0];
     for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(monitor_) + "/fd")) {
@@ -100,7 +101,7 @@ class FaultTest : public orvotest::PlaybackTest, public testing::WithParamInterf
 // whole, and the new run writes whole segments to the end of the clip.
 TEST_P(FaultTest, StreamDisrupted) {
   const std::string what = GetParam();
-  Start();
+  ASSERT_NO_FATAL_FAILURE(Start());
   if (what == "seeks") {
     std::vector<pid_t> requests;
     for (int fragment : {15, 3, 19, 8, 12, 17, 5, 10}) {
@@ -256,7 +257,7 @@ TEST_F(FaultTest, SessionsNobodyUsesAreRemoved) {
 }
 
 TEST_F(FaultTest, SessionDirectoryDeletedUnderARunningMonitor) {
-  Start();
+  ASSERT_NO_FATAL_FAILURE(Start());
   const std::string session = orvotest::SessionPath("HLS", "s");
   fs::remove_all(fs::read_symlink(session));
   fs::remove(session);

@@ -180,6 +180,7 @@ TEST_F(HostileInputTest, SessionsPlantedByAnotherUserAreNeverFollowed) {
     for (;;) pause();
     return 0;
   });
+  ASSERT_GT(bystander, 0);
   const std::string victim = Root().At("/victim");
   const std::string own = Root().At("/volume1/@tmp/Reelhall/HLS/own");
   const std::string hls = orvotest::SessionPath("HLS", "");
