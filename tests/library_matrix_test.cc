@@ -109,11 +109,11 @@ struct Source {
 // What a client got from one cell.
 struct Served {
   ProbedStream video;
-  std::vector<Picture> pictures;  // the first
-  int silent = 0;  // pieces decoded without sound
-  int width = 320, height = 240;  // the box of all profiles but Smooth's
-  double seconds = 0, announced = 0;  // played, and announced (whole seconds, rounded down)
-  long long bytes = 0, predicted = 0;       // progressive HTTP
+  std::vector<Picture> pictures;       // the first
+  int silent = 0;                      // pieces decoded without sound
+  int width = 320, height = 240;       // the box of all profiles but Smooth's
+  double seconds = 0, announced = 0;   // played, and announced (whole seconds, rounded down)
+  long long bytes = 0, predicted = 0;  // progressive HTTP
 };
 
 // The middle of SMPTE bars, as fractions of the picture: the grey sides and
@@ -195,6 +195,7 @@ class LibraryMatrix : public ::testing::Test {
                                  const Use& use) {
     return orvotest::TextFromChild(
         [&] {
+          orvotest::SendOutputTo(librh::machine::Resolve("/requests.log"));
           const auto& row = kKindRows[kind];
           if (orvotest::CreateSession(source.row->media, row.type, row.file, row.profile, id) !=
               id) {
@@ -207,8 +208,7 @@ class LibraryMatrix : public ::testing::Test {
   }
 
   template <typename Stream>
-  std::string PlayAdaptive(const Source& source, Kind kind, const std::string& id,
-                           Served* served) {
+  std::string PlayAdaptive(const Source& source, Kind kind, const std::string& id, Served* served) {
     Json::Value params;
     params["url"] = "/api/stream";
     params["format"] = kind == kSmooth ? "ss" : "hls";
@@ -270,10 +270,10 @@ class LibraryMatrix : public ::testing::Test {
       time += std::stoll(orvotest::Attribute(manifest, "d", at));
     }
     ProbedMedia media;
-    const std::string error = Take(
-        orvotest::DecodeSmoothVideo(manifest, fragments, scratch_ + "/" + id + ".h264", &media,
-                                    &served->pictures),
-        media, served);
+    const std::string error =
+        Take(orvotest::DecodeSmoothVideo(manifest, fragments, scratch_ + "/" + id + ".h264", &media,
+                                         &served->pictures),
+             media, served);
     served->silent = 0;  // its audio fragments are whole
     served->seconds = static_cast<double>(served->video.frames) / kSmoothFps;
     served->width = std::stoi(orvotest::Attribute(manifest, "MaxWidth"));

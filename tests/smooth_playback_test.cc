@@ -41,8 +41,8 @@ class SmoothPlayback : public orvotest::StreamTest {
     Json::Value params;
     params["url"] = "/api/stream";
     params["format"] = "ss";
-    EXPECT_EQ(orvotest::RunInChild([&] { return SmoothStream(id).Init(params, {}, "", "") ? 0 : 1; }),
-              0);
+    EXPECT_EQ(
+        orvotest::RunInChild([&] { return SmoothStream(id).Init(params, {}, "", "") ? 0 : 1; }), 0);
   }
 
   // Starts a run at `fragment` (Transcoding alone) in a request of its own.
@@ -93,9 +93,11 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
     SCOPED_TRACE("run from " + std::to_string(start));
     ASSERT_EQ(orvotest::Fetch<SmoothStream>("phone", Video(start)), dir + Video(start));
     ASSERT_TRUE(orvotest::WaitUntil([] { return !SmoothStream("phone").IsFFmpegRun(); }, 90000));
-    for (auto chunk = std::find(chunks.begin(), chunks.end(), start); chunk != chunks.end(); ++chunk) {
+    for (auto chunk = std::find(chunks.begin(), chunks.end(), start); chunk != chunks.end();
+         ++chunk) {
       SCOPED_TRACE("chunk at " + std::to_string(*chunk));
-      const std::string audio = "QualityLevels(40000)/Fragments(audio=" + std::to_string(*chunk) + ")";
+      const std::string audio =
+          "QualityLevels(40000)/Fragments(audio=" + std::to_string(*chunk) + ")";
       EXPECT_NE(orvotest::FragmentSamples(dir + audio), "");
       orvotest::ProbedMedia media;
       std::vector<orvotest::Picture> pictures;

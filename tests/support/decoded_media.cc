@@ -210,9 +210,9 @@ std::string FragmentSamples(const std::string& path) {
   return whole ? bytes.substr(moof + 8) : "";
 }
 
-std::string DecodeSmoothVideo(const std::string& manifest, const std::vector<std::string>& fragments,
-                              const std::string& scratch, ProbedMedia* media,
-                              std::vector<Picture>* pictures, size_t most) {
+std::string DecodeSmoothVideo(const std::string& manifest,
+                              const std::vector<std::string>& fragments, const std::string& scratch,
+                              ProbedMedia* media, std::vector<Picture>* pictures, size_t most) {
   const std::string hex = Attribute(manifest, "CodecPrivateData");
   std::string stream;
   for (size_t at = 0; at + 1 < hex.size(); at += 2) {

@@ -61,9 +61,9 @@ std::string Attribute(const std::string& xml, const std::string& name, size_t fr
 // manifest's codec data: their samples behind Annex B start codes, after
 // the manifest's parameter sets, written to `scratch`. A fragment file that
 // is not whole (a moof box, then an mdat box, filling it exactly) fails.
-std::string DecodeSmoothVideo(const std::string& manifest, const std::vector<std::string>& fragments,
-                              const std::string& scratch, ProbedMedia* media,
-                              std::vector<Picture>* pictures, size_t most = 1);
+std::string DecodeSmoothVideo(const std::string& manifest,
+                              const std::vector<std::string>& fragments, const std::string& scratch,
+                              ProbedMedia* media, std::vector<Picture>* pictures, size_t most = 1);
 
 // The samples (the mdat payload) of the Smooth fragment file at `path`;
 // "" unless it is whole.
