@@ -352,6 +352,7 @@ TEST_F(LibraryMatrix, EverySourceThroughEveryKind) {
   std::vector<Picture> reference;
   const std::string barsSource = orvotest::TestMedia(Media::kBarsH264Mp4);
   ASSERT_EQ("", orvotest::DecodeMedia(barsSource, &media, "", &reference));
+  ASSERT_EQ(reference.size(), 1u);
   for (const auto& bar : kBars) bars_.push_back(reference[0].At(bar[0], bar[1]));
   ASSERT_EQ(kRowCount, orvotest::LibraryMedia().size());
   std::vector<Source> sources(kRowCount);
