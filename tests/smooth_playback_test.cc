@@ -2,14 +2,10 @@
 // media, every web request in a process of its own as the web API runs
 // them, and the detached monitors and transcoders accounted for.
 #include <signal.h>
-#include <unistd.h>
 #include <utime.h>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
-extern "C" {
-#include <libavutil/frame.h>
-}
 
 #include <algorithm>
 #include <filesystem>
@@ -18,14 +14,9 @@ extern "C" {
 #include <vector>
 
 #include "platform/machine_root.h"
-#include "tests/support/child.h"
 #include "tests/support/decoded_media.h"
-#include "tests/support/launchers.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/machine_root.h"
-#include "tests/support/mp4_fragment.h"
+#include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
-#include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
 #include "toolkit/files.h"
 #include "vte/smooth_stream.h"
@@ -37,187 +28,106 @@ namespace {
 namespace fs = std::filesystem;
 using orvotest::SessionPath;
 
-constexpr char kProfile[] = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
 constexpr char kVideo[] = "QualityLevels(200000)/Fragments(video=";
-constexpr char kAudio[] = "QualityLevels(40000)/Fragments(audio=";
-constexpr int kRequestSeconds = 90;
 
-std::string Fragment(const char* stream, long long time) {
-  return stream + std::to_string(time) + ")";
-}
+std::string Video(long long time) { return kVideo + std::to_string(time) + ")"; }
 
-// The start times of the manifest's video chunks, summed from their
-// durations as a client does.
-std::vector<long long> ChunkStarts(const std::string& manifest) {
-  std::vector<long long> starts;
-  long long time = 0;
-  const size_t audio = manifest.find("Type=\"audio\"");
-  for (size_t at = manifest.find("<c "); at < audio; at = manifest.find("<c ", at + 1)) {
-    starts.push_back(time);
-    time += std::stoll(orvotest::Attribute(manifest, "d", at));
-  }
-  return starts;
-}
-
-std::vector<long long> FragmentTimes(const std::string& dir, const std::string& type) {
-  std::vector<long long> times;
-  std::error_code failure;
-  const std::string marker = "Fragments(" + type + "=";
-  for (const fs::directory_entry& entry : fs::directory_iterator(dir, failure)) {
-    const std::string name = entry.path().filename().string();
-    if (name.rfind(marker, 0) == 0) times.push_back(std::stoll(name.substr(marker.size())));
-  }
-  std::sort(times.begin(), times.end());
-  return times;
-}
-
-// The pictures of a video fragment, decoded in order with nothing but the
-// manifest's parameter sets; none when they do not decode.
-std::vector<orvotest::Picture> DecodePictures(const std::string& privateData,
-                                              const orvotest::Mp4Fragment& fragment,
-                                              const std::string& scratch) {
-  std::ofstream(scratch, std::ios::binary) << privateData << fragment.AnnexB();
-  orvotest::ProbedMedia media;
-  std::vector<orvotest::Picture> pictures;
-  if (!orvotest::DecodeMedia(scratch, &media, "h264", nullptr, &pictures).empty()) return {};
-  return pictures;
-}
-
-// The luma at column `x` and row `y` of a picture.
-int Luma(const orvotest::Picture& picture, int x, int y) {
-  return picture.frame->data[0][y * picture.frame->linesize[0] + x];
-}
-
-class SmoothPlayback : public orvotest::MachineRootTest {
+class SmoothPlayback : public orvotest::StreamTest {
  protected:
-  void SetUp() override {
-    MachineRootTest::SetUp();
-    ASSERT_TRUE(orvotest::BecomeSubreaper());
-  }
-  void TearDown() override {
-    // Every monitor and transcoder of the test has ended by now.
-    EXPECT_TRUE(orvotest::ChildrenEnded(10));
-    EXPECT_TRUE(orvotest::RegistryPids().empty());
-    MachineRootTest::TearDown();
-  }
-
-  // Creates and opens the session in a process of its own.
   void Open(orvotest::Media media, const std::string& id) {
-    ASSERT_EQ(orvotest::CreateSession(media, "SS", "smooth.json", kProfile, id), id);
+    ASSERT_EQ(orvotest::CreateSession(media, "SS", "smooth.json",
+                                      "smoothstreaming_240p_x264_vb200_vf15_aac_ab40", id),
+              id);
     Json::Value params;
     params["url"] = "/api/stream";
     params["format"] = "ss";
-    EXPECT_EQ(orvotest::RunInChild([&] { return SmoothStream(id).Init(params, {}, "", "") ? 0 : 1; }),
-              0);
+    EXPECT_EQ(
+        orvotest::RunInChild([&] { return SmoothStream(id).Init(params, {}, "", "") ? 0 : 1; }), 0);
   }
 
-  // One request: Transcoding, then ReadFragment unless `read` is false.
-  // "ok <path>" or "failed".
-  std::string Request(const std::string& id, const std::string& fragment, bool read = true) {
-    const std::string chatter = Root().At("/transcoders.log");
-    return orvotest::TextFromChild(
-        [&] {
-          orvotest::SendOutputTo(chatter);
-          SmoothStream stream(id);
-          if (!stream.Transcoding(fragment)) return std::string("failed");
-          return read ? "ok " + stream.ReadFragment(fragment) : "ok";
-        },
-        kRequestSeconds);
-  }
-
-  std::string Served(const std::string& id, const std::string& fragment) {
-    return "ok " + SessionPath("SS", id, "smooth/" + fragment);
+  // Starts a run at `fragment` (Transcoding alone) in a request of its own.
+  bool Start(const std::string& id, const std::string& fragment) {
+    return orvotest::RunInChild([&] { return SmoothStream(id).Transcoding(fragment) ? 0 : 1; }) ==
+           0;
   }
 
   bool Close(const std::string& id) {
-    return orvotest::RunInChild([&] { return SmoothStream(id).Close() ? 0 : 1; }) == 0;
+    const bool closed = orvotest::RunInChild([&] { return SmoothStream(id).Close() ? 0 : 1; }) == 0;
+    return closed && !orvotest::Exists(SessionPath("SS", id));
   }
 
-  // The recording stand-in as the transcoder, lingering `lingerMs` once it
-  // has recorded its start in Root()/record; its path.
-  std::string UseStandIn(int lingerMs, bool deaf = false) {
+  // The recording stand-in in place of the transcoder, lingering a minute
+  // once started (deaf to SIGINT and SIGTERM when `deaf`); the launcher.
+  fs::path UseStandIn(bool deaf) {
     const std::string program = Root().At(librh::machine::kPackageFFmpeg);
-    fs::create_directories(fs::path(program).parent_path());
+    const fs::path launcher = fs::read_symlink(program);
+    fs::remove(program);
     fs::create_symlink(orvotest::StandInProgram(), program);
-    orvotest::ArmStandIn(Root().At("/record"), lingerMs, deaf);
-    return program;
-  }
-
-  bool RunEnds(const std::string& id) {
-    return orvotest::WaitUntil([&] { return !SmoothStream(id).IsFFmpegRun(); },
-                               kRequestSeconds * 1000);
+    orvotest::ArmStandIn(Root().At("/record"), 60000, deaf);
+    return launcher;
   }
 };
 
-// A phone clip held upright (its rotation a quarter turn) in the predicted
-// landscape frame: the picture fitted between bars, never stretched; every
-// fragment carrying the time the manifest gives it; and every picture shown
-// at its own time within a frame, after a seek and from the start.
+// A phone clip held upright (a quarter turn) in the predicted landscape
+// frame: fitted between bars, never stretched; after a seek and from the
+// start, every fragment the manifest lists, decoded with nothing but the
+// manifest's codec data, each picture shown at its own time.
 TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
-  orvotest::InstallLaunchers(Root());
   Open(orvotest::Media::kRotatedClockMp4, "phone");
-  const std::string fragments = SessionPath("SS", "phone", "smooth/");
+  const std::string dir = SessionPath("SS", "phone", "smooth/");
   const std::string manifest = toolkit::ReadWholeFile(SmoothStream("phone").GetMainfest());
-  const std::string privateData = orvotest::BytesFromHex(orvotest::Attribute(manifest, "CodecPrivateData"));
-  // The frame the 16:9 class predicts for the clip's stored picture.
   const int width = std::stoi(orvotest::Attribute(manifest, "MaxWidth"));
   const int height = std::stoi(orvotest::Attribute(manifest, "MaxHeight"));
-  ASSERT_EQ(width, 430);
-  ASSERT_EQ(height, 240);
-  // The clip stores 320x180 and is shown upright, 180 wide and 320 high.
-  constexpr double kShownAspect = 180.0 / 320;
-  const std::vector<long long> chunks = ChunkStarts(manifest);
+  // The chunks' start times, summed from their durations as a client does.
+  std::vector<long long> chunks = {0};
+  for (size_t at = manifest.find("<c "); at < manifest.find("Type=\"audio\"");
+       at = manifest.find("<c ", at + 1)) {
+    chunks.push_back(chunks.back() + std::stoll(orvotest::Attribute(manifest, "d", at)));
+  }
+  chunks.pop_back();
   ASSERT_EQ(chunks.size(), 12u);
 
-  // First a chunk less than 50 s in, as a player resuming there asks for
-  // it before anything has started; then back to the start.
-  for (const long long start : {chunks[9], chunks.front()}) {
+  // First a chunk less than 50 s in, as a player resuming there asks for it
+  // before anything has started; then back to the start.
+  for (const long long start : {chunks[9], chunks[0]}) {
     SCOPED_TRACE("run from " + std::to_string(start));
-    ASSERT_EQ(Request("phone", Fragment(kVideo, start)), Served("phone", Fragment(kVideo, start)));
-    ASSERT_TRUE(RunEnds("phone"));
-    const std::vector<long long> produced(std::find(chunks.begin(), chunks.end(), start),
-                                          chunks.end());
-    EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(200000)", "video"), produced);
-    EXPECT_EQ(FragmentTimes(fragments + "QualityLevels(40000)", "audio"), produced);
-    for (const long long time : produced) {
-      SCOPED_TRACE("chunk at " + std::to_string(time));
-      EXPECT_EQ(orvotest::ReadMp4Fragment(fragments + Fragment(kAudio, time)).time, time);
-      const orvotest::Mp4Fragment video = orvotest::ReadMp4Fragment(fragments + Fragment(kVideo, time));
-      EXPECT_EQ(video.time, time);
-      const std::vector<orvotest::Picture> pictures =
-          DecodePictures(privateData, video, Root().At("/picture.h264"));
+    ASSERT_EQ(orvotest::Fetch<SmoothStream>("phone", Video(start)), dir + Video(start));
+    ASSERT_TRUE(orvotest::WaitUntil([] { return !SmoothStream("phone").IsFFmpegRun(); }, 90000));
+    for (auto chunk = std::find(chunks.begin(), chunks.end(), start); chunk != chunks.end();
+         ++chunk) {
+      SCOPED_TRACE("chunk at " + std::to_string(*chunk));
+      const std::string audio =
+          "QualityLevels(40000)/Fragments(audio=" + std::to_string(*chunk) + ")";
+      EXPECT_NE(orvotest::FragmentSamples(dir + audio), "");
+      orvotest::ProbedMedia media;
+      std::vector<orvotest::Picture> pictures;
+      ASSERT_EQ(orvotest::DecodeSmoothVideo(manifest, {dir + Video(*chunk)}, Root().At("/v.h264"),
+                                            &media, &pictures, 1000),
+                "");
       ASSERT_EQ(pictures.size(), 75u);
 
       // The picture's extent across the middle row and down the middle
-      // column; the bars are black (luma 16), the picture never darker than 64.
+      // column: the bars are black (luma 16), the picture never below 64.
       const orvotest::Picture& first = pictures.front();
       ASSERT_EQ(first.width, width);
       ASSERT_EQ(first.height, height);
-      int left = width;
-      int right = -1;
+      int left = width, right = -1, shownHeight = 0;
       for (int x = 0; x < width; ++x) {
-        if (Luma(first, x, height / 2) > 40) {
-          left = std::min(left, x);
-          right = x;
-        }
+        if (first.Luma(x, height / 2) > 40) right = x, left = std::min(left, x);
       }
-      int shownHeight = 0;
-      for (int y = 0; y < height; ++y) {
-        shownHeight += Luma(first, width / 2, y) > 40;
-      }
+      for (int y = 0; y < height; ++y) shownHeight += first.Luma(width / 2, y) > 40;
       EXPECT_EQ(shownHeight, height);
-      EXPECT_NEAR(static_cast<double>(right - left + 1) / shownHeight, kShownAspect,
-                  2.0 / shownHeight);
+      // Shown upright, 180 wide and 320 high.
+      EXPECT_NEAR((right - left + 1.0) / shownHeight, 180.0 / 320, 2.0 / shownHeight);
       EXPECT_NEAR(left, width - 1 - right, 1) << "not centred";
 
-      // Picture n of the stream (15 a second) is at n/15 s on the clock and
-      // shows the grey of its second, or of a frame's time either side.
+      // Picture n of the stream (15 a second) is at n/15 s and shows the
+      // grey of its second, or of a frame's time either side.
       const auto secondOf = [](long long picture) { return (picture / 15) % 12; };
       std::string late;
       for (size_t i = 0; i < pictures.size(); ++i) {
-        const long long n = time * 15 / 10000000 + static_cast<long long>(i);
-        const int luma = Luma(pictures[i], width / 2, height / 2);
-        const int grey = (luma - 64 + 6) / 12;
+        const long long n = *chunk * 15 / 10000000 + static_cast<long long>(i);
+        const int grey = (pictures[i].Luma(width / 2, height / 2) - 64 + 6) / 12;
         if (grey != secondOf(n) && grey != secondOf(n + 1) && (n == 0 || grey != secondOf(n - 1))) {
           late += " " + std::to_string(n) + ":" + std::to_string(grey);
         }
@@ -226,7 +136,6 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
     }
   }
   EXPECT_TRUE(Close("phone"));
-  EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "phone")));
 }
 
 // A request killed in the middle of its restart, before its monitor has
@@ -235,52 +144,39 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
 // fragment nobody writes.
 TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
   // A first run that lingers, so that the restart waits for its monitor.
-  const std::string program = UseStandIn(60000);
+  const fs::path launcher = UseStandIn(false);
   Open(orvotest::Media::kLongH264AacMp4, "k");
-  ASSERT_EQ(Request("k", Fragment(kVideo, 0), false), "ok");
-  const int lingering = orvotest::RecordedPid(SessionPath("SS", "k", "monitor.pid"));
-  ASSERT_GT(lingering, 0);
-  fs::remove(program);
-  orvotest::InstallLaunchers(Root());
+  ASSERT_TRUE(Start("k", Video(0)));
+  ASSERT_GT(orvotest::RecordedPid(SessionPath("SS", "k", "monitor.pid")), 0);
+  fs::remove(Root().At(librh::machine::kPackageFFmpeg));
+  fs::create_symlink(launcher, Root().At(librh::machine::kPackageFFmpeg));
 
-  const std::string far = Fragment(kVideo, 800000000);
-  const pid_t killed = orvotest::StartChild([&] { return SmoothStream("k").Transcoding(far) ? 0 : 1; });
+  const pid_t killed =
+      orvotest::StartChild([] { return SmoothStream("k").Transcoding(Video(800000000)) ? 0 : 1; });
   ASSERT_TRUE(orvotest::WaitUntil(
       [&] { return ReadFile(SessionPath("SS", "k", "seek_time")) == "80"; }, 5000));
   ASSERT_EQ(kill(killed, SIGKILL), 0);
   orvotest::WaitForChild(killed, 5);
 
-  ASSERT_EQ(Request("k", far), Served("k", far));
-  const auto served = orvotest::ReadMp4Fragment(SessionPath("SS", "k", "smooth/" + far));
-  EXPECT_TRUE(served.complete);
-  EXPECT_EQ(served.time, 800000000);
+  const std::string served = orvotest::Fetch<SmoothStream>("k", Video(800000000));
+  EXPECT_EQ(served, SessionPath("SS", "k", "smooth/" + Video(800000000)));
+  EXPECT_NE(orvotest::FragmentSamples(served), "");
   EXPECT_TRUE(Close("k"));
-  EXPECT_FALSE(orvotest::Exists(SessionPath("SS", "k")));
 }
 
-// How a run ends, with a hung stand-in transcoder that would otherwise
-// linger for a minute, deaf to SIGINT and SIGTERM: Close, the idle rule, a
-// signal to the monitor. Whatever ends the monitor kills the transcoder and
-// frees its transcoding slot.
+// A hung transcoder, deaf to SIGINT and SIGTERM, ended with its monitor by
+// Close, by the idle rule or by a signal to the monitor; its transcoding
+// slot freed each time.
 TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
-  UseStandIn(60000, true);
-  // What the monitors log, through the library's log file.
-  const orvotest::LogCapture log(orvotest::LogCapture::kLogFile);
-
+  UseStandIn(true);
   for (const std::string ending : {"close", "idle", "signal"}) {
     Open(orvotest::Media::kH264AacMp4, ending);
-    ASSERT_EQ(Request(ending, Fragment(kVideo, 0), false), "ok") << ending;
+    ASSERT_TRUE(Start(ending, Video(0))) << ending;
     const int monitor = orvotest::RecordedPid(SessionPath("SS", ending, "monitor.pid"));
     ASSERT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().size() == 1; }, 10000))
         << ending;
     const int transcoder = orvotest::RegistryPids()[0];
-
     if (ending == "close") {
-      // The transcoder writes straight into the volume the session links to.
-      const orvotest::Recording run = orvotest::ReadRecording(Root().At("/record"), 10);
-      ASSERT_GE(run.argv.size(), 4u);
-      EXPECT_EQ(run.argv[1] + " " + run.argv[2] + " " + run.argv[3], "-ss 0 -i");
-      EXPECT_EQ(run.argv.back(), fs::read_symlink(SessionPath("SS", ending)).string() + "/smooth");
       EXPECT_TRUE(Close(ending));
     } else if (ending == "idle") {
       const std::string access = SessionPath("SS", ending, "access_status");
@@ -294,11 +190,8 @@ TEST_F(SmoothPlayback, EndsByCloseIdlenessOrSignalEvenWithAHungTranscoder) {
     EXPECT_TRUE(orvotest::Ends(transcoder)) << ending;
     EXPECT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().empty(); }, 5000))
         << ending;
-    // A signal leaves the session (and its fragments) for Close.
+    // Idleness removes the session; a signal leaves it for Close.
     EXPECT_EQ(orvotest::Exists(SessionPath("SS", ending)), ending == "signal") << ending;
-    if (ending == "idle") {
-      EXPECT_TRUE(log.Contains(" time out for access [900 seconds]")) << log.Dump();
-    }
   }
 }
 

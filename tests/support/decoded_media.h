@@ -1,6 +1,6 @@
-// What a client's decoder makes of a file: every frame of every audio and
-// video stream decoded in this process with libavformat and libavcodec, a
-// decoding error failing the whole file.
+// What a client's decoder makes of served media: every frame of every audio
+// and video stream decoded in this process with libavformat and libavcodec,
+// a decoding error failing the whole file.
 #pragma once
 
 #include <memory>
@@ -17,7 +17,7 @@ struct ProbedStream {
   double start = -1;  // seconds: the stream's first timestamp
   double end = -1;    // seconds: where its last frame ends
   long frames = -1;   // frames decoded
-  int width = 0, height = 0, sampleRate = 0, channels = 0;
+  int width = 0, height = 0, channels = 0;
   std::string pixelFormat;  // of the decoded pictures ("yuv420p")
   int profile = -99;        // the codec's profile number, -99 when unknown
   std::string transfer;     // colour tags of the pictures, "" when unspecified
@@ -31,27 +31,42 @@ struct ProbedMedia {
   const ProbedStream* Stream(const std::string& type) const;
 };
 
-// One decoded 8-bit Y'CbCr picture, read back as a screen would show it.
+// One decoded 8-bit Y'CbCr picture.
 struct Picture {
   std::shared_ptr<const AVFrame> frame;
   int width = 0, height = 0;
   struct Rgb {
     int r, g, b;
   };
-  // The colour at `across` and `down`, fractions of the width and height,
-  // averaged over a few pixels around it and converted with the BT.709
-  // matrix of limited-range video; -1s without a picture.
+  // The colour a screen shows at `across` and `down` (fractions of the
+  // picture), averaged over a few pixels: BT.709, limited range.
   Rgb At(double across, double down) const;
+  int Luma(int x, int y) const;
 };
 
 // Decodes `path` (`format` forces the demuxer, "" lets libavformat guess)
-// into `media`; `picture`, when given, gets the first video picture that is
-// 8-bit Y'CbCr, and `every`, when given, every video picture in order. ""
-// on success, else what went wrong.
+// into `media`; `pictures`, when given, gets the first `most` 8-bit Y'CbCr
+// pictures in order. "" on success, else what went wrong.
 std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "",
-                        Picture* picture = nullptr, std::vector<Picture>* every = nullptr);
+                        std::vector<Picture>* pictures = nullptr, size_t most = 1);
 
 // DecodeMedia for tests: false, with a gtest failure, when it fails.
 bool ProbeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "");
+
+// The value of the first `name="..."` at or after `from` in a Smooth
+// Streaming manifest; "" when there is none.
+std::string Attribute(const std::string& xml, const std::string& name, size_t from = 0);
+
+// Decodes Smooth video fragments as a client does, with nothing but the
+// manifest's codec data: their samples behind Annex B start codes, after
+// the manifest's parameter sets, written to `scratch`. A fragment file that
+// is not whole (a moof box, then an mdat box, filling it exactly) fails.
+std::string DecodeSmoothVideo(const std::string& manifest,
+                              const std::vector<std::string>& fragments, const std::string& scratch,
+                              ProbedMedia* media, std::vector<Picture>* pictures, size_t most = 1);
+
+// The samples (the mdat payload) of the Smooth fragment file at `path`;
+// "" unless it is whole.
+std::string FragmentSamples(const std::string& path);
 
 }  // namespace orvotest

@@ -31,6 +31,12 @@ constexpr char kProfiles[] = R"({
   "broken": "-vcodec no_such_encoder -acodec libfdk_aac"
 })";
 
+std::string ServeSegment(const std::string& id, int fragment) {
+  LibOrvoVTE::HttpLiveStream stream(id);
+  const std::string number = std::to_string(fragment);
+  return stream.Transcoding(number) ? stream.ReadFragment(number) : "";
+}
+
 }  // namespace
 
 bool CompleteSegment(const std::string& path, double* videoStart, long* videoFrames) {
@@ -41,8 +47,8 @@ bool CompleteSegment(const std::string& path, double* videoStart, long* videoFra
   if (video == nullptr || video->frames <= 0 || audio == nullptr || audio->frames <= 0) {
     return false;
   }
-  if (videoStart != nullptr) *videoStart = video->start;
-  if (videoFrames != nullptr) *videoFrames = video->frames;
+  if (videoStart) *videoStart = video->start;
+  if (videoFrames) *videoFrames = video->frames;
   return true;
 }
 
@@ -117,17 +123,6 @@ PlaybackTest::Request PlaybackTest::StartOpen(const std::string& id, const std::
     return std::string("ok");
   });
 }
-
-namespace {
-
-// One segment request's body: the path served, "" when refused.
-std::string ServeSegment(const std::string& id, int fragment) {
-  LibOrvoVTE::HttpLiveStream stream(id);
-  const std::string number = std::to_string(fragment);
-  return stream.Transcoding(number) ? stream.ReadFragment(number) : "";
-}
-
-}  // namespace
 
 std::string PlaybackTest::Segment(const std::string& id, int fragment, int timeoutSeconds) {
   return FinishRequest(StartRequest([&] { return ServeSegment(id, fragment); }), timeoutSeconds);
