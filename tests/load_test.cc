@@ -1,6 +1,4 @@
-// Requests served as on the NAS, by the web server's user with root saved:
-// many sessions opened and read at once, and root rights only inside the
-// library's own scopes.
+// Requests served as on the NAS, by the web server's user with root saved.
 #include <syslog.h>
 #include <unistd.h>
 
