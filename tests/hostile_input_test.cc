@@ -17,6 +17,7 @@
 #include "platform/machine_root.h"
 #include "platform/olibc.h"
 #include "tests/support/child.h"
+#include "tests/support/documents.h"
 #include "tests/support/hostile_table.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
@@ -47,10 +48,8 @@ class HostileInputTest : public orvotest::MachineRootTest {
     for (const std::string& file : victims_) Root().WriteFile(file, "keep");
   }
   bool VictimsIntact() {
-    for (const std::string& file : victims_) {
-      if (toolkit::ReadWholeFile(Root().At(file)) != "keep") return false;
-    }
-    return true;
+    return toolkit::ReadWholeFile(Root().At(victims_[0])) == "keep" &&
+           toolkit::ReadWholeFile(Root().At(victims_[1])) == "keep";
   }
   const std::string victims_[2] = {"/victim/keep",
                                    librh::machine::kTempRoot + std::string("/victim/keep")};
@@ -213,18 +212,20 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
     // An open Smooth session (a transcode) holds the machine's one place.
     if (row.type == "SS") orvotest::RunInChild([&] { return SmoothStream(id).Close() ? 0 : 1; });
   }
+  EXPECT_EQ(hls::SubtitleURLTemplate(
+                orvotest::ParseJson(R"({"url":"/s","id":"s","subtitle_id":"1","_sid":"a\nb"})")),
+            "");
 }
 
 // One window of an HLS subtitle playlist per run, of files the engine offers.
 TEST_F(SubtitleServiceTest, AnswersWindowsOfOfferedSubtitlesOnly) {
   const std::string media = Root().At("/volume1/video");
-  std::filesystem::create_directories(media);
+  const std::string srt = media + "/Movie.eng.srt";
+  Root().WriteFile("/volume1/video/Movie.eng.srt",
+                   "1\n00:00:00,000 --> 00:00:01,000\nHello\n\n2\n00:00:04,500 --> 00:00:06,000\n"
+                   "across\n\n3\n01:00:04,000 --> 01:00:08,000\nlate\n");
   std::filesystem::create_symlink(orvotest::TestMedia(orvotest::Media::kTracksMkv),
                                   media + "/Movie.mkv");
-  const std::string srt = media + "/Movie.eng.srt";
-  std::ofstream(srt) << "1\n00:00:00,000 --> 00:00:01,000\nHello\n\n"
-                        "2\n00:00:04,500 --> 00:00:06,000\nacross\n\n"
-                        "3\n01:00:04,000 --> 01:00:08,000\nlate\n";
   const struct {
     std::string subtitleId, window, answer;
   } rows[] = {
