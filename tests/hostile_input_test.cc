@@ -1,6 +1,5 @@
-// Client-controlled ids and query values that try to leave the session
-// directory or break a playlist or manifest line, and sessions planted by
-// another user. Every case records what it tried in the hostile-input table.
+// Ids and query values that try to leave the session or break a playlist
+// line, sessions planted by another user, and the subtitle service stand-in.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,10 +21,11 @@
 #include "tests/support/hostile_table.h"
 #include "tests/support/machine_root.h"
 #include "tests/support/stream_watch.h"
+#include "toolkit/child_process.h"
 #include "toolkit/files.h"
+#include "vte/hls_playlists.h"
 #include "vte/hls_subtitle_playlists.h"
 #include "vte/http_live_stream.h"
-#include "vte/http_stream.h"
 #include "vte/smooth_stream.h"
 
 namespace LibOrvoVTE {
@@ -33,6 +33,7 @@ namespace {
 
 using orvotest::HostileRow;
 using orvotest::Printable;
+using SubtitleServiceTest = orvotest::MachineRootTest;
 
 std::unique_ptr<AdaptStream> Stream(const std::string& type, const std::string& id) {
   if (type == "HLS") return std::make_unique<HttpLiveStream>(id);
@@ -47,17 +48,13 @@ class HostileInputTest : public orvotest::MachineRootTest {
     for (const std::string& file : victims_) Root().WriteFile(file, "keep");
   }
   bool VictimsIntact() {
-    for (const std::string& file : victims_) {
-      if (toolkit::ReadWholeFile(Root().At(file)) != "keep") return false;
-    }
-    return true;
+    return toolkit::ReadWholeFile(Root().At(victims_[0])) == "keep" &&
+           toolkit::ReadWholeFile(Root().At(victims_[1])) == "keep";
   }
   const std::string victims_[2] = {"/victim/keep",
                                    librh::machine::kTempRoot + std::string("/victim/keep")};
 
-  // VTE_Init of a short clip as an "HLS" or "SS" session, then Init with
-  // `key`=`value` among the parameters, as two web requests would: "ok" or
-  // "Init failed", after the id VTE_Init gave when it was not `id`.
+  // VTE_Init, then Init with `key`=`value`, as two web requests would.
   static std::string Open(const std::string& type, const std::string& id,
                           const std::string& key = "", const std::string& value = "") {
     return orvotest::TextFromChild([&] {
@@ -69,20 +66,20 @@ class HostileInputTest : public orvotest::MachineRootTest {
       params["url"] = "/api/stream";
       params["format"] = hls ? "hls" : "ss";
       if (!key.empty()) params[key] = value;
-      const bool opened = Stream(type, id)->Init(params, Json::Value(), "", "");
-      const std::string init = opened ? "ok" : "Init failed";
+      const std::string init =
+          Stream(type, id)->Init(params, Json::Value(), "", "") ? "ok" : "Init failed";
       return made == id && !id.empty() ? init : "VTE_Init gave \"" + made + "\", " + init;
     });
   }
 };
 
 TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhere) {
-  for (const std::string& id : std::vector<std::string>{
-           "../victim", "../../victim", "/victim", "a/b", ".", "..", "", "  \t ", "id\nx", "id\rx",
-           "id\x1b", "id\x7f", std::string("id\0/../../victim", 16)}) {
+  // One id of each kind: a parent part, absolute, a dot name, blank, both
+  // ends of the control characters, a NUL.
+  for (const std::string& id :
+       std::vector<std::string>{"../victim", "/victim", ".", "..", "", " \t", "id\x1f", "id\x7f",
+                                std::string("id\0", 3)}) {
     for (const std::string type : {"HLS", "SS"}) {
-      // Every entry point: session creation, then a stream object of the id
-      // asked to open, serve and close.
       const std::string result = orvotest::TextFromChild([&] {
         const std::unique_ptr<AdaptStream> stream = Stream(type, id);
         return Open(type, id) + " " + std::to_string(stream->Transcoding("0")) +
@@ -96,97 +93,65 @@ TEST_F(HostileInputTest, StreamIdsThatLeaveTheSessionDirectoryAreRefusedEverywhe
   }
 }
 
-// Fragment ids: refused, or a path inside the session. Subtitle ids: a
-// playlist name inside the session, or none.
 TEST_F(HostileInputTest, FragmentAndSubtitleIdsStayInTheSession) {
-  // Each session is named after its type.
   ASSERT_EQ(Open("SS", "SS"), "ok");
   ASSERT_EQ(Open("HLS", "HLS"), "ok");
-  const std::string pid = orvotest::SessionPath("HLS", "HLS", "monitor.pid");
-  std::ofstream(pid) << "4242";
-  std::ofstream(orvotest::SessionPath("HLS", "HLS", "subtitle.m3u8.tpl")) << "#EXTM3U\n";
   const std::string refused = "refused (\"\")";
   const std::string inside = "a path inside the session";
   const struct {
     std::string type, id, seen;
   } rows[] = {
       {"SS", "QualityLevels(200000)/Fragments(video=../../victim)", refused},
-      {"SS", "../../../victim/keep", refused},
-      {"SS", "QualityLevels(200000)/../../victim", refused},
       {"SS", "QualityLevels(1)/Fragments(video=99999999999999999999999)", inside},
-      {"SS", "QualityLevels(1)/Fragments(audio=-50000000)", inside},
-      {"HLS", "99999999999999999999", refused},
       {"HLS", "4294967297", refused},
       {"HLS", "-5", refused},
       {"HLS", std::string("1\0/../../x", 10), refused},
+      {"subtitle", "../../victim/keep", "keep.subtitle.m3u8"},
+      {"subtitle", "/etc/passwd", "passwd.subtitle.m3u8"},
+      {"subtitle", "..", "...subtitle.m3u8"},
+      {"subtitle", "dir/", ""},
+      // A NUL would end the playlist's file name early, at a file of the session.
+      {"subtitle", std::string("monitor.pid\0", 12), ""},
   };
   for (const auto& row : rows) {
     const std::string session = orvotest::SessionPath(row.type, row.type);
-    const std::string seen = orvotest::TextFromChild(
-        [&] {
-          const std::unique_ptr<AdaptStream> stream = Stream(row.type, row.type);
-          // Smooth serves a fragment without a transcoding request before it.
-          if (row.type == "HLS" && (stream->Transcoding(row.id) ||
-                                    HttpLiveStream("HLS").CalculateSeekTime(row.id) != -1)) {
-            return std::string("accepted");
-          }
-          const std::string served = stream->ReadFragment(row.id);
-          if (served.empty()) return refused;
-          const bool within =
-              served.rfind(session + "/", 0) == 0 && served.find("..") == std::string::npos;
-          return within ? inside : served;
-        },
-        20);
+    std::string seen = hls::SubtitlePlaylistName(row.id);
+    if (row.type != "subtitle") {
+      seen = orvotest::TextFromChild(
+          [&] {
+            const std::unique_ptr<AdaptStream> stream = Stream(row.type, row.type);
+            // Smooth serves a fragment without a transcoding request before it.
+            if (row.type == "HLS" && (stream->Transcoding(row.id) ||
+                                      HttpLiveStream("HLS").CalculateSeekTime(row.id) != -1)) {
+              return std::string("accepted");
+            }
+            const std::string served = stream->ReadFragment(row.id);
+            if (served.empty()) return refused;
+            const bool within =
+                served.rfind(session + "/", 0) == 0 && served.find("..") == std::string::npos;
+            return within ? inside : served;
+          },
+          20);
+    }
     EXPECT_EQ(seen, row.seen) << Printable(row.id);
     EXPECT_TRUE(VictimsIntact()) << Printable(row.id);
-    HostileRow(row.type == "HLS" ? "HLS fragment id" : "Smooth fragment id",
-               "`" + Printable(row.id) + "`", seen);
+    HostileRow(row.type == "subtitle" ? "subtitle id" : row.type + " fragment id",
+               "`" + Printable(row.id) + "`", seen.empty() ? "no playlist" : seen);
   }
-  for (const auto& [id, name] :
-       std::vector<std::pair<std::string, std::string>>{{"../../victim/keep", "keep.subtitle.m3u8"},
-                                                        {"/etc/passwd", "passwd.subtitle.m3u8"},
-                                                        {"..", "...subtitle.m3u8"},
-                                                        {"dir/", ""}}) {
-    EXPECT_EQ(hls::SubtitlePlaylistName(id), name) << id;
-    HostileRow(
-        "subtitle id", "`" + Printable(id) + "`",
-        name.empty() ? "no playlist name (refused)" : "playlist `" + name + "` in the session");
-  }
-  // A NUL would end the playlist's file name early, at a file of the session.
-  const std::string subtitle("monitor.pid\0", 12);
-  EXPECT_EQ(orvotest::TextFromChild(
-                [&] { return HttpLiveStream("HLS").GetMainfest("subtitle", subtitle); }),
-            "");
-  EXPECT_EQ(toolkit::ReadWholeFile(pid), "4242");
-  HostileRow("subtitle id", "`" + Printable(subtitle) + "`",
-             "no playlist; \"monitor.pid\" untouched");
 }
 
-// Another local user plants sessions of its own in the shared trees: a link
-// to a directory of someone else's, a link to a directory of its own shaped
-// like a session, a plain directory; each with a pid of a bystander. The
-// library, running as root as the web API does, follows, removes, writes
-// into and signals from none of them, and that user can neither remove nor
-// replace the library's own sessions.
+// The trees are shared by every user; the library runs as root.
 TEST_F(HostileInputTest, SessionsPlantedByAnotherUserAreNeverFollowed) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to play another user";
   ASSERT_EQ(Open("HLS", "mine"), "ok");
-  ASSERT_EQ(orvotest::TextFromChild([] {
-              return orvotest::CreateSession(orvotest::Media::kH264AacMp4, "HTTP", "http.json",
-                                             "http_320x240_x264_vb256_mp3_ab64", "mine");
-            }),
-            "mine");
-  const pid_t bystander = orvotest::StartChild([] {
-    for (;;) pause();
-    return 0;
-  });
+  const pid_t bystander = orvotest::StartProgram({"sleep", "600"});
   ASSERT_GT(bystander, 0);
   const std::string victim = Root().At("/victim");
   const std::string own = Root().At("/volume1/@tmp/Reelhall/HLS/own");
   const std::string hls = orvotest::SessionPath("HLS", "");
   const int planted = orvotest::RunInChild([&] {
     if (!orvotest::DropToUnprivilegedUser()) return 1;
-    for (const std::string& dir : {own, orvotest::SessionPath("HTTP", "own")}) {
+    for (const std::string& dir : {own, hls + "plain"}) {
       if (mkdir(dir.c_str(), 0777) != 0) return 2;
       std::ofstream(dir + "/monitor.pid") << bystander;
     }
@@ -194,62 +159,47 @@ TEST_F(HostileInputTest, SessionsPlantedByAnotherUserAreNeverFollowed) {
         symlink(own.c_str(), (hls + "own").c_str()) != 0) {
       return 2;
     }
-    for (const std::string type : {"HLS", "HTTP"}) {
-      const std::string mine = orvotest::SessionPath(type, "mine");
-      if (unlink(mine.c_str()) == 0 || rename(mine.c_str(), (mine + "2").c_str()) == 0) return 3;
+    const std::string mine = hls + "mine";
+    for (const std::string& path : {mine, std::filesystem::read_symlink(mine).string()}) {
+      if (unlink(path.c_str()) == 0 || rename(path.c_str(), (path + "2").c_str()) == 0) return 3;
     }
     return 0;
   });
   EXPECT_EQ(planted, 0) << "2: cannot plant; 3: removed or replaced the library's session";
-  for (const std::string id : {"victim", "own"}) {
+  for (const std::string id : {"victim", "own", "plain"}) {
     orvotest::RunInChild([&] {
       HttpLiveStream stream(id);
       stream.Transcoding("0");
       stream.ReadFragment("0");
       stream.GetMainfest("video", "");
-      return stream.Close() + SmoothStream(id).Close() + HttpStream(id).Close();
+      return stream.Close() ? 1 : 0;
     });
   }
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(victim), {}), 1);
   EXPECT_TRUE(VictimsIntact());
   EXPECT_TRUE(OLIBCProcAlive(bystander));
-  EXPECT_TRUE(orvotest::Exists(hls + "victim") && orvotest::Exists(hls + "own"));
-  for (const std::string& dir :
-       {hls, orvotest::SessionPath("HTTP", ""), Root().At("/volume1/@tmp/Reelhall/HLS/")}) {
-    struct stat info;
-    EXPECT_TRUE(stat(dir.c_str(), &info) == 0 && (info.st_mode & 01777) == 01777) << dir;
-  }
+  EXPECT_TRUE(orvotest::Exists(hls + "victim") && orvotest::Exists(hls + "own") &&
+              orvotest::Exists(hls + "plain"));
   kill(bystander, SIGKILL);
   orvotest::WaitForChild(bystander, 5);
-  HostileRow(
-      "planted session (another user)",
-      "links to a victim's directory and to a session-shaped directory of its own, a plain "
-      "\"HTTP\" directory, each with a bystander's pid; then close, stream, playlist as root",
-      "nothing followed, written, removed or signalled; the type directories are sticky, "
-      "the library's own sessions cannot be removed or replaced");
+  HostileRow("planted session (another user)",
+             "links to a victim's directory and to its own, a plain directory, each "
+             "with a bystander's pid; then close, stream, playlist as root",
+             "nothing followed, written, removed or signalled; the library's sessions stay");
 }
 
-// A value that would break a line fails Init, which writes nothing; one
-// that opens is written into the playlist as it is, into the manifest
-// escaped so that the document keeps its one root.
+// The manifest escapes what it holds so that the document keeps one root.
 TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
   const struct {
     std::string type, key, value, written;
   } rows[] = {
       {"HLS", "_sid", "abc\n#EXT-X-ENDLIST", ""},
-      {"HLS", "token", "a\rb", ""},
-      {"HLS", "api", "x\ty", ""},
-      {"HLS", "method", "m\x7f", ""},
-      {"HLS", "url", "/api\x01/stream", ""},
       {"HLS", "OrvoToken", "safe-token_1.~", "&OrvoToken=safe-token_1.~&"},
       {"SS", "_sid", "abc\n</SmoothStreamingMedia>", ""},
-      {"SS", "sharing_id", "a\x0b", ""},
-      {"SS", "OrvoToken", "x\"/><Evil a=\"", "OrvoToken=x&quot;/>&lt;Evil a=&quot;&amp;"},
-      {"SS", "method", "a<b&c", "method=a&lt;b&amp;c&amp;"},
+      {"SS", "method", "x\"/><Evil a=\"&", "method=x&quot;/>&lt;Evil a=&quot;&amp;&amp;"},
   };
-  int number = 0;
   for (const auto& row : rows) {
-    const std::string id = "q" + std::to_string(number++);
+    const std::string& id = row.key;
     const std::string opened = Open(row.type, id, row.key, row.value);
     const std::string text = toolkit::ReadWholeFile(
         orvotest::SessionPath(row.type, id, row.type == "HLS" ? id + ".m3u8" : "manifest_predict"));
@@ -265,8 +215,42 @@ TEST_F(HostileInputTest, QueryValuesThatWouldBreakALineFailTheUrl) {
   EXPECT_EQ(hls::SubtitleURLTemplate(
                 orvotest::ParseJson(R"({"url":"/s","id":"s","subtitle_id":"1","_sid":"a\nb"})")),
             "");
-  HostileRow("query value (subtitle URL)", "`_sid=a\\nb`",
-             "no subtitle URL (the playlist is not written)");
+}
+
+// One window of an HLS subtitle playlist per run, of files the engine offers.
+TEST_F(SubtitleServiceTest, AnswersWindowsOfOfferedSubtitlesOnly) {
+  const std::string media = Root().At("/volume1/video");
+  const std::string srt = media + "/Movie.eng.srt";
+  Root().WriteFile("/volume1/video/Movie.eng.srt",
+                   "1\n00:00:00,000 --> 00:00:01,000\nHello\n\n2\n00:00:04,500 --> 00:00:06,000\n"
+                   "across\n\n3\n01:00:04,000 --> 01:00:08,000\nlate\n");
+  std::filesystem::create_symlink(orvotest::TestMedia(orvotest::Media::kTracksMkv),
+                                  media + "/Movie.mkv");
+  const struct {
+    std::string subtitleId, window, answer;
+  } rows[] = {
+      // A cue overlapping either end of the window is kept whole.
+      {srt, "0&webvtt_end_time=5",
+       "0 WEBVTT\n\n00:00.000 --> 00:01.000\nHello\n\n00:04.500 --> 00:06.000\nacross\n"},
+      {srt, "3605&webvtt_end_time=3610", "0 WEBVTT\n\n01:00:04.000 --> 01:00:08.000\nlate\n"},
+      // The embedded SubRip track (Matroska shifts it by the audio priming).
+      {"3", "0&webvtt_end_time=5",
+       "0 WEBVTT\n\n00:00.021 --> 00:01.021\nBonjour\n\n00:01.021 --> 00:02.021\nAu revoir\n"},
+      {"/etc/passwd", "0&webvtt_end_time=5",
+       "1 subtitle-service: 404 Not Found: no subtitle file /etc/passwd beside the video\n"},
+  };
+  for (const auto& row : rows) {
+    const std::string target =
+        "/s?id=m1&output_webvtt=true&subtitle_id=" + hls::PercentEncode(row.subtitleId) +
+        "&webvtt_start_time=" + row.window;
+    toolkit::Wiring wiring;
+    wiring.err = STDOUT_FILENO;
+    std::string printed;
+    const int status = toolkit::RunProgram(
+        {ORVOTEST_SUBTITLE_SERVICE, "--media", "m1=" + media + "/Movie.mkv", "--request", target},
+        std::chrono::seconds(30), &printed, wiring);
+    EXPECT_EQ(row.answer, std::to_string(status) + " " + printed) << target;
+  }
 }
 
 }  // namespace

@@ -12,10 +12,9 @@ namespace orvotest {
 
 std::string Printable(const std::string& text) {
   std::string shown;
-  for (const char c : text) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    char escaped[8] = {c, '\0'};
-    if (byte < 0x20 || byte == 0x7f) snprintf(escaped, sizeof(escaped), "\\x%02X", byte);
+  for (const unsigned char c : text) {
+    char escaped[8] = {static_cast<char>(c), '\0'};
+    if (c < 0x20 || c == 0x7f) snprintf(escaped, sizeof(escaped), "\\x%02X", c);
     shown += c == '|' ? "\\|" : escaped;
   }
   return shown;

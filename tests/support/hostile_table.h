@@ -1,13 +1,12 @@
-// The rows of docs/hostile-input.md (scripts/hostile-table.sh collects them):
-// what a hostile-input, fault, load or privilege case tried and saw.
+// The rows of docs/hostile-input.md, which scripts/hostile-table.sh collects.
 #pragma once
 
 #include <string>
 
 namespace orvotest {
 
-// Appends "| area | input | result |" to the file ORVOVTE_HOSTILE_TABLE
-// names, only while the running case has not failed: a row is what was seen.
+// Appends "| area | input | result |" to $ORVOVTE_HOSTILE_TABLE while the
+// running case has not failed: a row is what was seen.
 void HostileRow(const std::string& area, const std::string& input, const std::string& result);
 
 // `text` with control characters as \xNN and "|" as "\|", for a table cell.
