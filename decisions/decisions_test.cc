@@ -40,7 +40,6 @@ ArgumentHelper File(const std::string& container, const Json::Value& video,
   return ArgumentHelper(DocumentMetaData(doc));
 }
 
-// The engine's answer (an HWTranscodeResult) on each platform at its bounds.
 TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
   const struct {
     const char* platform;
@@ -61,24 +60,20 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
   };
   MachineRoot root;
   for (const auto& row : rows) {
-    PlatformFiles platform;
-    platform.name = row.platform;
-    root.Play(platform);
-    Json::Value video;
-    video["codec"] = row.codec;
+    root.Play(PlatformFiles{row.platform, 2, 4800, ""});
+    Json::Value video = Track("0", row.codec);
     video["resolutionx"] = row.width;
     video["resolutiony"] = row.height;
     video["framerate"] = row.framerate;
     video[row.codec == std::string("mpeg4") ? "codec_tag" : "profile"] = row.tagOrProfile;
-    ArgumentHelper helper = File("matroska,webm", video);
-    EXPECT_EQ(row.expected, helper.AbleToTranscodeTheVideo(true))
+    EXPECT_EQ(row.expected, File("matroska,webm", video).AbleToTranscodeTheVideo(true))
         << row.platform << " " << orvotest::JsonLine(video);
   }
 }
 
 TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
   const struct {
-    std::string video;  // width height sar_num sar_den; "" : no document
+    std::string video;  // width height sar_num sar_den
     const char* name;
     bool exact;
     unsigned int rotate;
@@ -96,8 +91,7 @@ TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
     video["resolutiony"] = h;
     video["sample_aspect_ratio_num"] = num;
     video["sample_aspect_ratio_den"] = den;
-    ArgumentHelper helper = row.video.empty() ? ArgumentHelper(DocumentMetaData(std::string()))
-                                              : File("matroska,webm", video);
+    ArgumentHelper helper = File("matroska,webm", video);
     unsigned int width = 7, height = 9;
     helper.GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
     EXPECT_EQ(row.size, std::to_string(width) + "x" + std::to_string(height))
@@ -139,9 +133,7 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
   };
   MachineRoot root;
   for (const auto& row : rows) {
-    PlatformFiles platform;
-    platform.name = row[0];
-    root.Play(platform);
+    root.Play(PlatformFiles{row[0], 2, 4800, ""});
     Json::Value video = Track("0", row[2]);
     video["profile"] = row[3];
     ArgumentHelper helper = File(row[1], video);

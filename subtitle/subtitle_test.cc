@@ -14,17 +14,16 @@ namespace {
 
 TEST(PathInfo, SplitsPathsTheWayTheSubtitleListNeeds) {
   const char* rows[][2] = {
-      // path: dirname|basename|extension|language|filename
-      {"/v/Movie.eng.srt", "/v|Movie.eng.srt|srt|eng|Movie.eng"},
-      {"Movie.mkv", "Movie.mkv|Movie.mkv|||Movie.mkv"},
-      {"/v/a.b/Movie", "/v/a.b|Movie|||Movie"},
+      // path: dirname|basename|extension|language|filename|
+      {"/v/Movie.eng.srt", "/v|Movie.eng.srt|srt|eng|Movie.eng|"},
+      {"Movie.mkv", "Movie.mkv|Movie.mkv|||Movie.mkv|"},
+      {"/v/a.b/Movie", "/v/a.b|Movie|||Movie|"},
   };
   for (const auto& row : rows) {
     const Json::Value info = PathInfo(row[0]);
-    std::string parts = info["dirname"].asString();
-    for (const char* key : {"basename", "extension", "language", "filename"}) {
-      parts += "|" + info[key].asString();
-    }
+    std::string parts;
+    for (const char* key : {"dirname", "basename", "extension", "language", "filename"})
+      parts += info[key].asString() + "|";
     EXPECT_EQ(row[1], parts) << row[0];
   }
 }

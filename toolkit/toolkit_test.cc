@@ -1,4 +1,3 @@
-#include <errno.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,8 +39,7 @@ TEST(ChildProcessTest, RunsToTheEndOrTheDeadlineAndReapsEveryChild) {
   EXPECT_EQ(-1, StartProgram({"/no/such/program"}, Wiring{}, &error));
   EXPECT_EQ("cannot run /no/such/program: No such file or directory", error);
   EXPECT_EQ(-1, WaitFor(StartProgram({"sleep", "30"}), milliseconds(50)));
-  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
-  EXPECT_EQ(ECHILD, errno) << "every child is reaped";
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child left unreaped";
 }
 
 TEST(QueryTest, PercentDecodingAndQueryStrings) {

@@ -12,7 +12,6 @@
 namespace launchers {
 namespace {
 
-using orvotest::JoinWords;
 using orvotest::SplitWords;
 
 // What it translates is played through the library by the other tests.
@@ -30,7 +29,7 @@ TEST(PlanFFmpeg, RefusesWhatItCannotTranslateFaithfully) {
       {SplitWords("ffmpeg a.mp4"), "expected"},
   };
   for (const auto& [library, reason] : cases) {
-    const std::string line = JoinWords(library);
+    const std::string line = orvotest::JoinWords(library);
     FFmpegPlan plan;
     plan.kind = OutputKind::kWebM;  // must stay untouched
     std::string error;
@@ -77,7 +76,6 @@ TEST(ProgressiveStreams, GstreamerPipelineStartsAtTheSeekWithShiftedTimestamps) 
   ASSERT_TRUE(video);
   EXPECT_EQ("h264 160", video->codec + " " + std::to_string(video->width));
   EXPECT_EQ((kClipSeconds - kSeek) / kFrame, video->frames);
-  // shift-pts moves the muxer's timeline by the seek.
   EXPECT_NEAR(kGstTsStart + kSeek, video->start, kFrame);
 }
 

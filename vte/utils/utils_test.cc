@@ -85,9 +85,7 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
       {"braswell", 90, "HHHHHHHHHHHHHHHH", "0 10"},  // the 101st is refused
   };
   for (const auto& row : rows) {
-    orvotest::PlatformFiles platform;
-    platform.name = row.platform;
-    orvotest::MachineRoot root(platform);
+    orvotest::MachineRoot root(orvotest::PlatformFiles{row.platform, 2, 4800, ""});
     for (int i = 0; i < row.hardwareHeld; ++i) TransLoading().SaveTransPID(getpid(), true, false);
     int start[2];  // the racers start together when it closes
     ASSERT_EQ(0, pipe2(start, O_CLOEXEC));
@@ -110,12 +108,11 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
       const int status = orvotest::WaitForChild(racer, 30);
       ++verdicts[status >= 0 && status <= 2 ? status : 3];
     }
-    const std::string tag = std::string(row.platform) + " " + row.racers;
-    EXPECT_EQ(row.admitted, std::to_string(verdicts[1]) + " " + std::to_string(verdicts[2])) << tag;
-    EXPECT_EQ(0, verdicts[3]) << tag << ": failed racers";
-    EXPECT_EQ(static_cast<Json::ArrayIndex>(row.hardwareHeld + verdicts[1] + verdicts[2]),
-              orvotest::ParseJson(Registry()).size())
-        << tag << ": " << Registry();
+    SCOPED_TRACE(std::string(row.platform) + " " + row.racers);
+    EXPECT_EQ(row.admitted, std::to_string(verdicts[1]) + " " + std::to_string(verdicts[2]));
+    EXPECT_EQ(0, verdicts[3]) << "failed racers";
+    EXPECT_EQ(row.hardwareHeld + verdicts[1] + verdicts[2],
+              static_cast<int>(orvotest::ParseJson(Registry()).size())) << Registry();
   }
 }
 
