@@ -1,5 +1,3 @@
-#include "vte/utils/trans_loading.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,10 +13,14 @@
 #include "tests/support/documents.h"
 #include "tests/support/machine_root.h"
 #include "toolkit/files.h"
+#include "vte/utils/lock.h"
+#include "vte/utils/trans_loading.h"
+#include "vte/utils/vteutils.h"
 
 namespace LibReelhall {
 namespace {
 
+namespace vte = LibOrvoVTE;
 namespace machine = librh::machine;
 
 std::string Registry() { return toolkit::ReadWholeFile(machine::Resolve(machine::kLoadRegistry)); }
@@ -39,7 +41,6 @@ TEST(TransLoadingTest, EntriesAreWrittenOpenToAllAndGoWithTheirProcessOrSession)
   const mode_t savedUmask = umask(022);
   {
     TransLoading registry;
-    EXPECT_FALSE(registry.IsOffineConverting());
     registry.SaveTransPID(me, true, false);
     registry.SaveTransPID(parent, false, true);
     registry.SaveTransPID(dead, false, false);  // saving does not check liveness
@@ -55,7 +56,6 @@ TEST(TransLoadingTest, EntriesAreWrittenOpenToAllAndGoWithTheirProcessOrSession)
   std::filesystem::create_directories(root.At(machine::kTempRoot) + "/HLS/s");
   {
     TransLoading registry;  // drops the dead pid
-    EXPECT_TRUE(registry.IsOffineConverting());
     EXPECT_TRUE(registry.RemoveTransPIDLock(parent));
     EXPECT_TRUE(registry.AdmitSession("HLS/s", false));
     EXPECT_TRUE(registry.TakeSessionEntry("HLS/s", me));
@@ -69,11 +69,8 @@ TEST(TransLoadingTest, EntriesAreWrittenOpenToAllAndGoWithTheirProcessOrSession)
   EXPECT_EQ("[]\n", Registry());
 }
 
-// Processes racing to start transcoders: each takes the registry, asks, and
-// registers when admitted (under this process's pid, which outlives the
-// race). No more may get in than the platform's limits allow beside what is
-// already running, and every one admitted is in the registry: the lock
-// keeps each read-modify-write whole.
+// Racing processes each ask and register under this process's pid (which
+// outlives the race): the lock keeps each read-modify-write whole.
 TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
   const struct {
     const char* platform;
@@ -88,9 +85,7 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
       {"braswell", 90, "HHHHHHHHHHHHHHHH", "0 10"},  // the 101st is refused
   };
   for (const auto& row : rows) {
-    orvotest::PlatformFiles platform;
-    platform.name = row.platform;
-    orvotest::MachineRoot root(platform);
+    orvotest::MachineRoot root(orvotest::PlatformFiles{row.platform, 2, 4800, ""});
     for (int i = 0; i < row.hardwareHeld; ++i) TransLoading().SaveTransPID(getpid(), true, false);
     int start[2];  // the racers start together when it closes
     ASSERT_EQ(0, pipe2(start, O_CLOEXEC));
@@ -113,13 +108,50 @@ TEST(TransLoadingRace, AdmitsNoMoreThanTheLimit) {
       const int status = orvotest::WaitForChild(racer, 30);
       ++verdicts[status >= 0 && status <= 2 ? status : 3];
     }
-    const std::string tag = std::string(row.platform) + " " + row.racers;
-    EXPECT_EQ(row.admitted, std::to_string(verdicts[1]) + " " + std::to_string(verdicts[2])) << tag;
-    EXPECT_EQ(0, verdicts[3]) << tag << ": failed racers";
-    EXPECT_EQ(static_cast<Json::ArrayIndex>(row.hardwareHeld + verdicts[1] + verdicts[2]),
-              orvotest::ParseJson(Registry()).size())
-        << tag << ": " << Registry();
+    SCOPED_TRACE(std::string(row.platform) + " " + row.racers);
+    EXPECT_EQ(row.admitted, std::to_string(verdicts[1]) + " " + std::to_string(verdicts[2]));
+    EXPECT_EQ(0, verdicts[3]) << "failed racers";
+    EXPECT_EQ(row.hardwareHeld + verdicts[1] + verdicts[2],
+              static_cast<int>(orvotest::ParseJson(Registry()).size())) << Registry();
   }
+}
+
+class InspectedLock : public Lock {
+ public:
+  using Lock::Lock;
+  int Fd() const { return fd_; }
+};
+
+// A transcoder started while the lock is held must not inherit it.
+TEST(LockTest, HoldsOneCloseOnExecDescriptorUntilUnlocked) {
+  orvotest::MachineRoot root;
+  InspectedLock lock(root.At("/tmp/Reelhall/HLS/session/filelock"));
+  ASSERT_TRUE(lock.IsLockSucess());
+  const int fd = lock.Fd();
+  EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+  lock.UnlockFile();
+  EXPECT_FALSE(lock.IsLockSucess());
+  EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "descriptor " << fd << " still open";
+  root.WriteFile("/tmp/plain-file", "x");
+  InspectedLock failed(root.At("/tmp/plain-file/sub/lock"));
+  EXPECT_FALSE(failed.IsLockSucess());
+  EXPECT_EQ(-1, failed.Fd());
+}
+
+// Marker files: an empty write (which reads back as "no value") never
+// lands.
+TEST(MarkerFileTest, ReadsAShortTextAndSavesWholeContentsOnly) {
+  orvotest::MachineRoot root;
+  const std::string path = root.At("/tmp/marker");
+  EXPECT_TRUE(vte::SaveFile(path, std::string(5000, 'x')));
+  EXPECT_EQ(std::string(4096, 'x'), vte::ReadFile(path));
+  EXPECT_TRUE(vte::SaveFile(path, std::string("ab\0cd", 5)));
+  EXPECT_EQ("ab", vte::ReadFile(path));
+  EXPECT_FALSE(vte::SaveFile(path, ""));
+  EXPECT_EQ(std::string("ab\0cd", 5), toolkit::ReadWholeFile(path));
+  EXPECT_FALSE(vte::SaveFile(root.At("/tmp/never"), ""));
+  EXPECT_FALSE(vte::VerifyFileExist(root.At("/tmp/never"), 0)) << "no empty file may appear";
+  EXPECT_EQ("", vte::ReadFile(root.At("/tmp"))) << "a directory";
 }
 
 }  // namespace
