@@ -159,25 +159,19 @@ TEST_F(HttpStreamTest, ReadGivesUpOnATranscoderSilentForThirtySeconds) {
 // AAC and MP3 are copied with their own rate and channels; anything else is
 // encoded. A run may start at the source's very end (40 s), not after.
 TEST_F(HttpStreamTest, WebMCopiesOnlyAacAndMp3AudioAndStartsAtTheSeekTime) {
-  const struct {
-    Media media;
-    const char* audioId;  // "" : the first track
-    bool copy;
-  } cases[] = {
-      {Media::kLongH264Mp3Mkv, "", true},
-      {Media::kVp9VorbisWebm, "", false},
-      {Media::kTracksMkv, "2", false},  // AC-3
-      {Media::kTracksMkv, "1", true},
-  };
   int number = 0;
-  for (const auto& c : cases) {
-    const std::string id = orvotest::CreateSession(c.media, "WEBM", "webm.json", kWebMProfile,
+  // "" : the first track
+  for (const auto& [media, audioId, copy] : {std::tuple{Media::kLongH264Mp3Mkv, "", true},
+                                             std::tuple{Media::kVp9VorbisWebm, "", false},
+                                             std::tuple{Media::kTracksMkv, "2", false},  // AC-3
+                                             std::tuple{Media::kTracksMkv, "1", true}}) {
+    const std::string id = orvotest::CreateSession(media, "WEBM", "webm.json", kWebMProfile,
                                                    "audio" + std::to_string(number++));
-    if (*c.audioId != '\0') SaveFile(orvotest::SessionPath("WEBM", id, "audio_id"), c.audioId);
+    if (*audioId != '\0') SaveFile(orvotest::SessionPath("WEBM", id, "audio_id"), audioId);
     const std::string words = orvotest::JoinWords(WebMStream(id).CalculateFFmpegArgument(1));
-    const std::string audio = c.copy ? "-acodec copy " : "-acodec " + ArgumentHelper::GetMP3Encoder() + " -ab ";
+    const std::string audio = copy ? "-acodec copy " : "-acodec " + ArgumentHelper::GetMP3Encoder() + " -ab ";
     EXPECT_NE(words.find(audio), std::string::npos) << number << ": " << words;
-    EXPECT_EQ(c.copy, words.find(" -ab ") == std::string::npos) << number << ": " << words;
+    EXPECT_EQ(copy, words.find(" -ab ") == std::string::npos) << number << ": " << words;
     EXPECT_EQ(words.substr(words.rfind(" -webm_seek_time")), " -webm_seek_time 1 -avoid_negative_ts 0");
   }
   const std::string id = orvotest::CreateSession(Media::kLongH264Mp3Mkv, "WEBM", "webm.json", kWebMProfile, "end");
