@@ -30,10 +30,8 @@
 #include "vte/utils/json_utils.h"
 #include "vte/utils/vteutils.h"
 
-// The adaptive streams' playlists and manifests, and their decisions on
-// sessions staged straight from probed media: no transcoder runs here (the
-// HLS and Smooth playback tests run real ones; hostile ids are in
-// tests/hostile_input_test.cc).
+// Adaptive streams' texts, and decisions on sessions staged from probed media
+// (the playback tests run transcoders; hostile ids: tests/hostile_input_test.cc).
 namespace LibOrvoVTE {
 namespace {
 
@@ -45,6 +43,7 @@ constexpr char kUrl[] = "/api/stream?format=hls&id=s1";
 constexpr char kEncode[] =
     "-vcodec libx264 -preset veryfast -s 320x240 -b:v 300k -acodec libfdk_aac -ab 64k -ar 48000";
 constexpr char kRemux[] = "-vcodec copy -bsf:v h264_mp4toannexb -acodec libfdk_aac -ab 128k";
+using HlsSubtitleSessionTest = orvotest::MachineRootTest;
 
 TEST(HlsPlaylistsTest, VideoPlaylistCoversTheDurationWithAShortLastSegment) {
   EXPECT_EQ("#EXTM3U\n#EXT-X-TARGETDURATION:5\n#EXT-X-MEDIA-SEQUENCE:0\n"
@@ -105,12 +104,10 @@ TEST(HlsPlaylistsTest, SubtitleUrlLanguagesAndTracks) {
   EXPECT_TRUE(hls::InternalSubtitleEntries("mpegts", tracks).empty());
 }
 
-// A Matroska file with a SubRip track ("fre", 3) beside three subtitle files;
-// each request in a process of its own. The short last entry asks for a
-// whole window.
-TEST(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheSession) {
-  orvotest::MachineRoot root;
-  const std::string media = root.At("/volume1/video");
+// A Matroska file with a SubRip track ("fre", 3) beside subtitle files, each
+// request in a process of its own; the short last entry asks for a whole window.
+TEST_F(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheSession) {
+  const std::string media = Root().At("/volume1/video");
   fs::create_directories(media);
   fs::create_symlink(orvotest::TestMedia(Media::kTracksMkv), media + "/Movie.mkv");
   for (const char* name : {"Movie.eng.srt", "Movie.srt", "Movie.chi.ass", "Movie2.srt"}) {
@@ -127,8 +124,7 @@ TEST(HlsSubtitleSessionTest, OffersFilesThenTracksAndWritesPlaylistsInsideTheSes
   }));
   const std::string dir = HttpLiveStream(id).GetVTEFileFullPath("");
 
-  // External files in pattern order (Movie2.srt belongs to another video),
-  // then the text track.
+  // Files in pattern order (Movie2.srt is another video's), then the track.
   EXPECT_EQ(hls::MasterPlaylist("/api/stream?format=hls&id=subs", {{media + "/Movie.eng.srt", "eng"},
                                                                      {media + "/Movie.srt", "External"},
                                                                      {media + "/Movie.chi.ass", "chi"},
@@ -155,9 +151,8 @@ class InspectedStream : public HttpLiveStream {
 
 using HttpLiveStreamTest = orvotest::MachineRootTest;
 
-// Segments of 8 seconds when the video is copied (its keyframes are far
-// apart), else 5; an Apple TV's timestamps a second later. Audio is copied
-// where HLS carries it and encoded where the client asks.
+// Segments of 8 s when the video is copied (keyframes far apart), else 5; an
+// Apple TV's a second later. Audio copied where HLS carries it, else as asked.
 TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
   const std::string mp2 = orvotest::SessionDocument(Media::kAc3DataTs, "")["track_info"]["audio"][1]["id"].asString();
   const struct {
@@ -198,8 +193,7 @@ TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
   }
 }
 
-// Callers built against the system's own declaration name a non-const
-// member; a const one would be another symbol, which they would not find.
+// Callers built against the system's declaration link to the non-const symbol.
 static_assert(std::is_same_v<decltype(&VTEStream::ForceFFmpegAudioFormat),
                              std::vector<std::string> (VTEStream::*)(
                                  const std::vector<std::string>&, const std::string&)>);
@@ -239,8 +233,7 @@ TEST_F(HttpLiveStreamTest, VideoSizeFittedToTheSource) {
   }
 }
 
-// A session with the given segments and "seek_time", whose monitor is this
-// process (alive) or absent.
+// A session with these segments and "seek_time"; its monitor this process or none.
 class SegmentStateTest : public HttpLiveStreamTest {
  protected:
   void Start(const Json::Value& doc) {
@@ -333,8 +326,6 @@ TEST_F(SegmentStateTest, SegmentIsCompleteOnceTheTranscoderListsItWhole) {
   std::ofstream(stream_->GetSegmentTsPath(1), std::ios::app) << "G";
   EXPECT_FALSE(stream_->VerifyFragmentIsReady("1"));
 }
-
-// Smooth Streaming: fragment requests judged against staged session files.
 
 constexpr char kSmoothProfile[] = "smoothstreaming_240p_x264_vb200_vf15_aac_ab40";
 
@@ -431,8 +422,7 @@ TEST_F(SmoothRequests, FragmentIsReadyOnceALaterOneStartedAndServedOnlyWhole) {
   EXPECT_FALSE(fs::exists(path));
 }
 
-// A quarter-turned picture is fitted with bars by a profile without filters
-// too (the playback test sees the software profile's).
+// A quarter-turned picture gets bars from a profile without filters too.
 TEST_F(SmoothRequests, TranscoderArgumentsCarryThePredictedSize) {
   const std::string head = "-vcodec libx264 -preset veryfast";
   const std::string software = StagedSmooth("req").Arguments(120, false);
@@ -475,8 +465,7 @@ TEST(SmoothManifest, ChunksDurationsUrlAttributeAspectClassesAndHardwareSets) {
                                         smooth::AspectClass(2.06f) + " " + smooth::AspectClass(2.07f) + " ");
 }
 
-// The software rows are what x264 really emits with the profiles' settings:
-// every size, encoded by the stock encoder in one run.
+// The software rows against what the stock x264 emits, every size in one run.
 TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
   std::string dir = (std::filesystem::temp_directory_path() / "smooth-sps-XXXXXX").string();
   ASSERT_NE(mkdtemp(dir.data()), nullptr);
@@ -509,9 +498,8 @@ TEST(SmoothManifest, SoftwareParameterSetsAreWhatTheEncoderWrites) {
   orvotest::RemoveTree(dir);
 }
 
-// The manifest of the 2-second 4:3 clip, with the caller's optional keys of
-// the right type, escaped; no hardware encoder for a hardware profile (the
-// software list has no 1080 row), or no url, removes the session.
+// The 2-second 4:3 clip's manifest with the caller's optional keys of the right
+// type, escaped; a hardware profile without the engine, or no url, removes it.
 TEST(SmoothInit, WritesTheManifestOrRemovesTheSession) {
   orvotest::MachineRoot root;
   Json::Value params = ParseJson(

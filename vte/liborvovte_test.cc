@@ -24,7 +24,6 @@
 #include "platform/olibc.h"
 #include "platform/test_seams.h"
 #include "tests/support/child.h"
-#include "tests/support/decoded_media.h"
 #include "tests/support/documents.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
@@ -35,8 +34,7 @@
 #include "vte/utils/md5.h"
 #include "vte/utils/vteutils.h"
 
-// The checks at open, the sessions VTE_Init makes, the processes a stream
-// starts and records, and the progressive streams.
+// Open checks, VTE_Init, the processes a stream starts; progressive streams.
 namespace LibOrvoVTE {
 namespace {
 
@@ -55,8 +53,7 @@ void KillAndReap(pid_t pid) {
 
 class OpenChecksTest : public orvotest::MachineRootTest {
  protected:
-  // A session of `media` with `profile` as VTE_Init leaves it, its video
-  // changed by the keys of `video`, opened by a new stream object.
+  // A session as VTE_Init leaves it, its video changed by the keys of `video`.
   std::string Open(Media media, const char* profile, const std::string& audioId = "",
                    bool stopOfflineConversion = false, const std::string& video = "{}") {
     Json::Value doc = orvotest::SessionDocument(media, kProfiles.at(profile));
@@ -100,7 +97,6 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
       {tracks, "2", kNone, "opened"},
       {tracks, "7", kNone, "refused TransAudioNotSupported"},
       {eac3, "", kNone, "refused TransAudioNotSupported"},
-      {dts, "1", kNone, "refused TransAudioNotSupported"},
       {eac3, "1", kSwitchedOn, "opened"},
       {dts, "1", kCustomFFmpeg, "opened"},
       {Media::kVideoOnlyAvi, "5", kNone, "opened"},  // no audio at all: any id will do
@@ -109,8 +105,7 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
     const std::string context = orvotest::MediaName(row.media) + " [" + row.audioId + "] " + std::to_string(row.allowance);
     Root().WriteFile(librh::machine::kCodecsConf,
                      std::string("support_codec_dts=") + (row.allowance == kSwitchedOn ? "\"yes\"\n" : "\"no\"\n"));
-    std::error_code ignored;
-    fs::remove(Root().At(librh::machine::kSystemFFmpeg), ignored);
+    fs::remove(Root().At(librh::machine::kSystemFFmpeg));
     if (row.allowance == kCustomFFmpeg) Root().WriteFile(librh::machine::kSystemFFmpeg, "#!/bin/sh\n");
 
     EXPECT_EQ(row.outcome, Open(row.media, "encode", row.audioId)) << context;
@@ -140,7 +135,6 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
       {"monaco", "encode", vp9, "opened"},  // software needs no engine
       {"evansport", "smd", mjpeg, "refused TransVideoNotSupported"},
       {"evansport", "smd", tall, "opened"},
-      {"evansport", "encode", mjpeg, "opened"},
       {"braswell", "pipeline", vp9, "opened"},  // its pipeline choice decides instead
   };
   for (const auto& row : rows) {
@@ -150,8 +144,7 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
   }
 }
 
-// Asked to, the stream waits for the service to give up its slot; on
-// Braswell it need not.
+// Asked to, a stream waits for the service to yield; on Braswell it need not.
 TEST_F(OpenChecksTest, OfflineConversionBlocksUnlessAskedToYield) {
   const std::string pidFile = librh::machine::Resolve(librh::machine::kConversionPidFile);
   // The service writes its pid file once its registry entry is in place.
@@ -232,10 +225,6 @@ TEST_F(TranscoderStartTest, ArgumentVectorAndPipeReachTheTranscoder) {
            "mpegtsmux shift-pts=5 name=mux ! queue ! fdsink fd=@FD demux.audio_0 ! queue ! aacparse ! "
            "avdec_aac ! audioconvert ! audio/x-raw,channels=2 ! faac rate-control=ABR ! queue ! "
            "aacparse" + queue + "mux."},
-      {"x86", "HLS", Media::kTracksMkv, gst, "", "", "2", "ac3_copy", 0, false,
-       "-f -s 0 filesrc location=@IN ! matroskademux name=demux ! queue ! avdec_h264 ! " + chain +
-           queue + "mpegtsmux name=mux ! queue ! fdsink fd=@FD demux.audio_1 ! queue ! ac3parse" +
-           queue + "mux."},
   };
   for (const auto& row : rows) {
     Play(row.platform);
@@ -267,21 +256,13 @@ TEST_F(TranscoderStartTest, ArgumentVectorAndPipeReachTheTranscoder) {
   close(pipeFds[1]);
 }
 
-class MonitorTest : public orvotest::MachineRootTest {
- protected:
-  void SetUp() override {
-    MachineRootTest::SetUp();
-    session_ = orvotest::MakeSession("HLS", "m");
-  }
-  std::string RecordedMonitor() const { return ReadFile(session_ + "/monitor.pid"); }
-
-  std::string session_;
-};
+using MonitorTest = orvotest::MachineRootTest;
 
 // Two requests replacing the monitor at once (say, two seeks): both wait for
 // "filelock", and whoever records second stops the first.
 TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
-  const int lock = open((session_ + "/filelock").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0660);
+  const std::string monitor = orvotest::MakeSession("HLS", "m") + "/monitor.pid";
+  const int lock = open(orvotest::SessionPath("HLS", "m", "filelock").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0660);
   ASSERT_GE(lock, 0);
   ASSERT_EQ(0, flock(lock, LOCK_EX));
   pid_t racers[2];
@@ -293,7 +274,7 @@ TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
     });
   }
   usleep(300 * 1000);
-  EXPECT_EQ("", RecordedMonitor()) << "recorded without the lock";
+  EXPECT_EQ("", ReadFile(monitor)) << "recorded without the lock";
   // The racers share the lock's open file: closing it here would not free it.
   flock(lock, LOCK_UN);
   close(lock);
@@ -302,30 +283,30 @@ TEST_F(MonitorTest, RacingMonitorsLeaveExactlyOne) {
   const pid_t loser = waitpid(-1, &loserStatus, 0);
   const pid_t winner = loser == racers[0] ? racers[1] : racers[0];
   // The loser may be gone before the winner's record is written.
-  orvotest::WaitUntil([&] { return RecordedMonitor() == std::to_string(winner); }, 5000);
+  orvotest::WaitUntil([&] { return ReadFile(monitor) == std::to_string(winner); }, 5000);
   EXPECT_TRUE(WIFSIGNALED(loserStatus) && WTERMSIG(loserStatus) == SIGTERM) << "both survived";
-  EXPECT_EQ(std::to_string(winner), RecordedMonitor());
+  EXPECT_EQ(std::to_string(winner), ReadFile(monitor));
   EXPECT_TRUE(OLIBCProcAlive(winner));
   KillAndReap(winner);
 }
 
-// A monitor killed outright leaves its record behind. Once an unrelated
-// process has its pid, nothing takes that process for the monitor: not a
-// check, a restart or a close (the progressive close signals through the
-// same record).
+// A monitor killed outright leaves its record; an unrelated process that got
+// its pid is never taken for the monitor: not by a check, a restart, a close.
 TEST_F(MonitorTest, APidReusedByAnotherProcessIsNeverTakenForTheMonitor) {
+  const std::string session = orvotest::MakeSession("HLS", "m");
+  const std::string monitor = session + "/monitor.pid";
   Stream stream("m", "HLS");
   pid_t reused = -1;
   for (int attempt = 0; attempt < 200 && reused < 0; ++attempt) {
     if (attempt % 20 == 0) {
-      const pid_t monitor = orvotest::StartProgram({"/bin/sleep", "30"});
-      ASSERT_TRUE(stream.SaveMonitorPid(monitor, false));
+      const pid_t killed = orvotest::StartProgram({"/bin/sleep", "30"});
+      ASSERT_TRUE(stream.SaveMonitorPid(killed, false));
       usleep(50 * 1000);  // start times count in ticks of 10 ms
-      KillAndReap(monitor);
+      KillAndReap(killed);
     }
     // The kernel hands the pid out again when steered through ns_last_pid
     // (root only); other processes may take it first.
-    const pid_t wanted = std::stoi(RecordedMonitor());
+    const pid_t wanted = std::stoi(ReadFile(monitor));
     std::ofstream("/proc/sys/kernel/ns_last_pid") << wanted - 1;
     const pid_t pid = orvotest::StartProgram({"/bin/sleep", "30"});
     if (pid == wanted) reused = pid;
@@ -333,41 +314,34 @@ TEST_F(MonitorTest, APidReusedByAnotherProcessIsNeverTakenForTheMonitor) {
   }
   if (reused < 0 && geteuid() != 0) GTEST_SKIP() << "steering pids needs root";
   ASSERT_GT(reused, 0) << "the pid never came round again";
-  const std::string identity = ReadFile(session_ + "/monitor.start");
+  const std::string identity = ReadFile(session + "/monitor.start");
   const std::function<void()> calls[] = {[&] { EXPECT_FALSE(stream.IsFFmpegRun()); },
                                          [&] { stream.SaveMonitorPid(0, true); },
                                          [&] { stream.CloseStreamCommon(); }};
   int number = 0;
   for (const auto& call : calls) {
     // The stale record as the killed monitor left it.
-    SaveFile(session_ + "/monitor.pid", std::to_string(reused));
-    SaveFile(session_ + "/monitor.start", identity);
+    SaveFile(monitor, std::to_string(reused));
+    SaveFile(session + "/monitor.start", identity);
     call();
     EXPECT_TRUE(OLIBCProcAlive(reused)) << "call " << number++ << " signalled the pid's new process";
   }
   KillAndReap(reused);
 }
 
-// Progressive streams.
-
 constexpr char kProfile[] = "http_320x240_x264_vb256_mp3_ab64";
 constexpr char kWebMProfile[] = "webm_320x240_vp8_vb256_vorbis_ab64";
 
-// Reads until the stream ends or `limit` bytes have come, appending to `file`.
-size_t ReadInto(DirectStream& stream, const std::string& file, size_t limit) {
-  std::ofstream out(file, std::ios::binary | std::ios::app);
+// Reads until the stream ends or `limit` bytes have come.
+size_t ReadUpTo(DirectStream& stream, size_t limit) {
   char buffer[16384];
   size_t total = 0;
-  for (int got; total < limit && (got = stream.Read(buffer, sizeof(buffer))) > 0;) {
-    out.write(buffer, got);
-    total += static_cast<size_t>(got);
-  }
+  for (int got; total < limit && (got = stream.Read(buffer, sizeof(buffer))) > 0;) total += static_cast<size_t>(got);
   return total;
 }
 
-// Rates in bytes a second from the profile name, the later video token
-// winning; sizes in single precision (16777217 s is 2^24 s: double would
-// give 152576 bytes more); offsets rounded down to whole seconds.
+// Rates from the profile name, the later video token winning; sizes in single
+// precision (2^24 + 1 s: double gives 152576 bytes more); offsets floored.
 TEST(ProgressiveArithmetic, RateSizeTimeAndScaledResolution) {
   EXPECT_EQ(1310720, progressive::TransBitRate("http_hd480_x264_vb1024_aac_ab128"));
   EXPECT_EQ(786432, progressive::TransBitRate("vb1024_ab128_vb512"));
@@ -403,7 +377,7 @@ class HttpStreamTest : public orvotest::StreamTest {
 // whose reader stopped, a seek to 10 s, then another request closes.
 TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
   const std::string ffmpeg = librh::machine::Resolve(librh::machine::kPackageFFmpeg);
-  constexpr size_t kHead = 96 * 1024;  // enough for ffprobe to find both streams
+  constexpr size_t kHead = 96 * 1024;  // more than the pipe holds
   constexpr size_t kMax = 16 * 1024 * 1024;  // a runaway transcoder must not read forever
   for (const std::string type : {"HTTP", "WEBM"}) {
     const bool http = type == "HTTP";
@@ -414,11 +388,10 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
       if (http) return std::make_unique<HttpStream>(id);
       return std::make_unique<WebMStream>(id);
     };
-    const std::string head = Root().Path() + "/head-" + type;
     const std::unique_ptr<DirectStream> stream = open();
     ASSERT_TRUE(stream->Init(""));
     ASSERT_TRUE(stream->Transcoding(ffmpeg, 30));
-    ASSERT_GE(ReadInto(*stream, head, kHead), kHead) << type;
+    ASSERT_GE(ReadUpTo(*stream, kHead), kHead) << type;
     const int replaced = OnlyTranscoder();
     ASSERT_GT(replaced, 0) << type;
 
@@ -428,10 +401,9 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
     ASSERT_TRUE(seek->Init("")) << type << " " << seek->GetErrorString();
     EXPECT_TRUE(orvotest::Ends(replaced)) << type;
     EXPECT_FALSE(orvotest::Registered(replaced)) << type;
-    EXPECT_LT(ReadInto(*stream, head + ".rest", kMax), kMax) << type;
-    const std::string seekHead = Root().Path() + "/seek-" + type;
+    EXPECT_LT(ReadUpTo(*stream, kMax), kMax) << type;
     ASSERT_TRUE(seek->Transcoding(ffmpeg, 10));
-    ASSERT_GE(ReadInto(*seek, seekHead, kHead), kHead) << type;
+    ASSERT_GE(ReadUpTo(*seek, kHead), kHead) << type;
     const int transcoder = OnlyTranscoder();
     EXPECT_NE(transcoder, replaced) << type;
 
@@ -439,23 +411,12 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
     // the pipe; what was still in the pipe drains, then the stream ends.
     EXPECT_EQ(orvotest::RunInChild([&] { return open()->Close() ? 0 : 1; }), 0) << type;
     EXPECT_FALSE(orvotest::Exists(orvotest::SessionPath(type, id))) << type;
-    EXPECT_LT(ReadInto(*seek, seekHead + ".rest", kMax), kMax) << type;
+    EXPECT_LT(ReadUpTo(*seek, kMax), kMax) << type;
     EXPECT_TRUE(orvotest::Ends(transcoder)) << type;
     EXPECT_TRUE(orvotest::WaitUntil([] { return orvotest::RegistryPids().empty(); }, 10000))
         << type << ": the slot was never given back";
     EXPECT_TRUE(stream->Close());
     EXPECT_TRUE(seek->Close());
-
-    // Transport stream timestamps are the source's, plus the muxer's fixed
-    // 1.4 s; the head of a WebM file says too little to tell.
-    if (!http) continue;
-    for (const auto& [file, start] : {std::pair{head, 30.0}, std::pair{seekHead, 10.0}}) {
-      orvotest::ProbedMedia media;
-      ASSERT_TRUE(orvotest::ProbeMedia(file, &media)) << file;
-      ASSERT_NE(media.Stream("video"), nullptr) << "no video in the first bytes of " << file;
-      EXPECT_GE(media.Stream("video")->start, start) << file;
-      EXPECT_LT(media.Stream("video")->start, start + 2) << file;
-    }
   }
 }
 
