@@ -375,7 +375,6 @@ TEST_F(SmoothRequests, SeeksOnlyFarAheadOrBehindTheRun) {
       {"0", upTo60, Fragment("video", "1100000000"), false},  // exactly 50 s ahead
       {"0", upTo60, Fragment("video", "1100000001"), true},
       {"0", upTo60, Fragment("audio", "1200000000"), true},  // no audio yet: from the start
-      {"0", {}, Fragment("video", "500000000"), false},
       {"0", {}, Fragment("video", "500000001"), true},
       {"120", {}, Fragment("video", "1199999999"), true},  // before the run
       {"0", upTo60, Fragment("video", "9223372036854775807"), true},
