@@ -30,6 +30,7 @@
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "tests/support/transcoder_stand_in.h"
+#include "toolkit/files.h"
 #include "vte/http_stream.h"
 #include "vte/utils/md5.h"
 #include "vte/utils/vteutils.h"
@@ -361,6 +362,11 @@ TEST(ProgressiveArithmetic, RateSizeTimeAndScaledResolution) {
 
 class HttpStreamTest : public orvotest::StreamTest {
  protected:
+  // Whether the running transcoder `pid` was told to start at `seconds`.
+  static bool SeeksTo(int pid, const std::string& seconds) {
+    const std::string argv = toolkit::ReadWholeFile("/proc/" + std::to_string(pid) + "/cmdline");
+    return argv.find(std::string("-ss") + '\0' + seconds + '\0') != std::string::npos;
+  }
   // The one transcoder the load registry holds, once it holds one.
   static int OnlyTranscoder() {
     int pid = -1;
@@ -394,6 +400,7 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
     ASSERT_GE(ReadUpTo(*stream, kHead), kHead) << type;
     const int replaced = OnlyTranscoder();
     ASSERT_GT(replaced, 0) << type;
+    EXPECT_TRUE(SeeksTo(replaced, "30")) << type;
 
     // The running transcoder, blocked on its full pipe, ends and gives back
     // its slot before the new run is checked; its reader sees the end.
@@ -406,6 +413,7 @@ TEST_F(HttpStreamTest, ASeekReplacesTheRunningRunAndAnotherRequestCloses) {
     ASSERT_GE(ReadUpTo(*seek, kHead), kHead) << type;
     const int transcoder = OnlyTranscoder();
     EXPECT_NE(transcoder, replaced) << type;
+    EXPECT_TRUE(SeeksTo(transcoder, "10")) << type;
 
     // Another request closes the stream while its transcoder is blocked on
     // the pipe; what was still in the pipe drains, then the stream ends.
