@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "tests/support/child.h"
+#include "tests/support/decoded_media.h"
 #include "tests/support/documents.h"
 #include "tests/support/launchers.h"
 #include "tests/support/machine_root.h"
-#include "tests/support/mp4_fragment.h"
 #include "tests/support/stream_watch.h"
 #include "tests/support/test_media.h"
 #include "toolkit/files.h"

@@ -210,14 +210,18 @@ std::string FragmentSamples(const std::string& path) {
   return whole ? bytes.substr(moof + 8) : "";
 }
 
+std::string BytesFromHex(const std::string& hex) {
+  std::string bytes;
+  for (size_t at = 0; at + 1 < hex.size(); at += 2) {
+    bytes.push_back(static_cast<char>(std::stoi(hex.substr(at, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
 std::string DecodeSmoothVideo(const std::string& manifest,
                               const std::vector<std::string>& fragments, const std::string& scratch,
                               ProbedMedia* media, std::vector<Picture>* pictures, size_t most) {
-  const std::string hex = Attribute(manifest, "CodecPrivateData");
-  std::string stream;
-  for (size_t at = 0; at + 1 < hex.size(); at += 2) {
-    stream.push_back(static_cast<char>(std::stoi(hex.substr(at, 2), nullptr, 16)));
-  }
+  std::string stream = BytesFromHex(Attribute(manifest, "CodecPrivateData"));
   for (const std::string& path : fragments) {
     const std::string data = FragmentSamples(path);
     if (data.empty()) return path + " is not a whole fragment";

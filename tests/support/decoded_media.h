@@ -57,6 +57,9 @@ bool ProbeMedia(const std::string& path, ProbedMedia* media, const std::string& 
 // Streaming manifest; "" when there is none.
 std::string Attribute(const std::string& xml, const std::string& name, size_t from = 0);
 
+// The bytes of a hex text such as a manifest's CodecPrivateData.
+std::string BytesFromHex(const std::string& hex);
+
 // Decodes Smooth video fragments as a client does, with nothing but the
 // manifest's codec data: their samples behind Annex B start codes, after
 // the manifest's parameter sets, written to `scratch`. A fragment file that
