@@ -1,7 +1,6 @@
-// HLS and Smooth Streaming from end to end: sessions made by VTE_Init from
-// generated media, every web request in a process of its own as the web API
-// runs them, the served media decoded, and the detached monitors and
-// transcoders accounted for.
+// HLS and Smooth Streaming from end to end: sessions made by VTE_Init, every
+// web request in a process of its own as the web API runs them, the served
+// media decoded, the detached monitors and transcoders accounted for.
 #include <signal.h>
 #include <time.h>
 #include <utime.h>
@@ -33,7 +32,6 @@ namespace {
 namespace fs = std::filesystem;
 using orvotest::SessionPath;
 
-// Every case plays session "s" of the 100-second clip.
 class HlsPlaybackTest : public orvotest::PlaybackTest {
  protected:
   std::string Text(const std::string& name) const { return ReadFile(File("s", name)); }
@@ -43,9 +41,8 @@ class HlsPlaybackTest : public orvotest::PlaybackTest {
     return File("s", name);
   }
 
-  // Serves segment `fragment` (`id` as the request spells it) and gives its
-  // first video timestamp after checking that it is a whole MPEG-TS with
-  // picture and sound; -1 when it is not.
+  // Serves segment `fragment` of session "s" (`id` as the request spells it):
+  // its first video timestamp once seen whole with picture and sound, or -1.
   double Play(int fragment, const std::string& id = "") {
     double start = -1;
     EXPECT_EQ(orvotest::Fetch<HttpLiveStream>("s", id.empty() ? std::to_string(fragment) : id),
@@ -159,12 +156,10 @@ class SmoothPlayback : public orvotest::StreamTest {
 };
 
 // A phone clip held upright (a quarter turn) in the predicted landscape
-// frame: fitted between bars, never stretched; after a seek, every fragment
-// decoded with nothing but the manifest's codec data, each picture shown at
-// its own time.
+// frame: after a seek, its fragment, decoded with nothing but the manifest's
+// codec data, fitted between bars, never stretched, each picture at its time.
 TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
   Open(orvotest::Media::kRotatedClockMp4, "phone");
-  const std::string dir = SessionPath("SS", "phone", "smooth/");
   const std::string manifest = toolkit::ReadWholeFile(SmoothStream("phone").GetMainfest());
   const int width = std::stoi(orvotest::Attribute(manifest, "MaxWidth"));
   const int height = std::stoi(orvotest::Attribute(manifest, "MaxHeight"));
@@ -173,52 +168,49 @@ TEST_F(SmoothPlayback, RotatedClipKeepsItsShapeAndEveryPictureItsTime) {
 
   // A chunk less than 50 s in, as a player resuming there asks for it
   // before anything has started.
-  ASSERT_EQ(orvotest::Fetch<SmoothStream>("phone", Video(chunks[9])), dir + Video(chunks[9]));
+  const std::string fragment = SessionPath("SS", "phone", "smooth/" + Video(chunks[9]));
+  ASSERT_EQ(orvotest::Fetch<SmoothStream>("phone", Video(chunks[9])), fragment);
   ASSERT_TRUE(orvotest::WaitUntil([] { return !SmoothStream("phone").IsFFmpegRun(); }, 90000));
-  for (size_t chunk = 9; chunk < chunks.size(); ++chunk) {
-    SCOPED_TRACE("chunk at " + std::to_string(chunks[chunk]));
-    const std::string stream = Root().At("/v.h264");
-    ASSERT_EQ(orvotest::WriteSmoothVideo(manifest, {dir + Video(chunks[chunk])}, stream), "");
-    orvotest::ProbedMedia media;
-    std::vector<orvotest::Picture> pictures;
-    ASSERT_EQ(orvotest::DecodeMedia(stream, &media, "h264", &pictures, 1000), "");
-    ASSERT_EQ(pictures.size(), 75u);
+  const std::string stream = Root().At("/v.h264");
+  ASSERT_EQ(orvotest::WriteSmoothVideo(manifest, {fragment}, stream), "");
+  orvotest::ProbedMedia media;
+  std::vector<orvotest::Picture> pictures;
+  ASSERT_EQ(orvotest::DecodeMedia(stream, &media, "h264", &pictures, 1000), "");
+  ASSERT_EQ(pictures.size(), 75u);
 
-    // The picture's extent across the middle row and down the middle
-    // column: the bars are black (luma 16), the picture never below 64.
-    const orvotest::Picture& first = pictures.front();
-    ASSERT_EQ(first.width, width);
-    ASSERT_EQ(first.height, height);
-    int left = width, right = -1, shownHeight = 0;
-    for (int x = 0; x < width; ++x) {
-      if (first.Luma(x, height / 2) > 40) right = x, left = std::min(left, x);
-    }
-    for (int y = 0; y < height; ++y) shownHeight += first.Luma(width / 2, y) > 40;
-    EXPECT_EQ(shownHeight, height);
-    // Shown upright, 180 wide and 320 high.
-    EXPECT_NEAR((right - left + 1.0) / shownHeight, 180.0 / 320, 2.0 / shownHeight);
-    EXPECT_NEAR(left, width - 1 - right, 1) << "not centred";
-
-    // Picture n of the stream (15 a second) is at n/15 s and shows the
-    // grey of its second, or of a frame's time either side.
-    const auto secondOf = [](long long picture) { return (picture / 15) % 12; };
-    std::string late;
-    for (size_t i = 0; i < pictures.size(); ++i) {
-      const long long n = chunks[chunk] * 15 / 10000000 + static_cast<long long>(i);
-      const int grey = (pictures[i].Luma(width / 2, height / 2) - 64 + 6) / 12;
-      if (grey != secondOf(n) && grey != secondOf(n + 1) && grey != secondOf(n - 1)) {
-        late += " " + std::to_string(n) + ":" + std::to_string(grey);
-      }
-    }
-    EXPECT_EQ(late, "") << "pictures (n:grey) off their time n/15 s by more than a frame";
+  // The picture's extent across the middle row and down the middle column:
+  // the bars are black (luma 16), the picture never below 64.
+  const orvotest::Picture& first = pictures.front();
+  ASSERT_EQ(first.width, width);
+  ASSERT_EQ(first.height, height);
+  int left = width, right = -1, shownHeight = 0;
+  for (int x = 0; x < width; ++x) {
+    if (first.Luma(x, height / 2) > 40) right = x, left = std::min(left, x);
   }
+  for (int y = 0; y < height; ++y) shownHeight += first.Luma(width / 2, y) > 40;
+  EXPECT_EQ(shownHeight, height);
+  // Shown upright, 180 wide and 320 high.
+  EXPECT_NEAR((right - left + 1.0) / shownHeight, 180.0 / 320, 2.0 / shownHeight);
+  EXPECT_NEAR(left, width - 1 - right, 1) << "not centred";
+
+  // Picture n of the stream (15 a second) is at n/15 s and shows the grey
+  // of its second, or of a frame's time either side.
+  const auto secondOf = [](long long picture) { return (picture / 15) % 12; };
+  std::string late;
+  for (size_t i = 0; i < pictures.size(); ++i) {
+    const long long n = chunks[9] * 15 / 10000000 + static_cast<long long>(i);
+    const int grey = (pictures[i].Luma(width / 2, height / 2) - 64 + 6) / 12;
+    if (grey != secondOf(n) && grey != secondOf(n + 1) && grey != secondOf(n - 1)) {
+      late += " " + std::to_string(n) + ":" + std::to_string(grey);
+    }
+  }
+  EXPECT_EQ(late, "") << "pictures (n:grey) off their time n/15 s by more than a frame";
   EXPECT_TRUE(Close("phone"));
 }
 
-// A request killed in the middle of its restart, before its monitor has
-// started, leaves "seek_time" at its position and nothing running there:
-// the next request for that position restarts instead of being handed a
-// fragment nobody writes.
+// A request killed in its restart, before its monitor started, leaves
+// "seek_time" at its position and nothing running there: the next request
+// for it restarts rather than wait for a fragment nobody writes.
 TEST_F(SmoothPlayback, RestartAbandonedByAKilledRequestIsTakenUpByTheNext) {
   // A first run that lingers, so that the restart waits for its monitor.
   const fs::path launcher = UseStandIn(false);

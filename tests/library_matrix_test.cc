@@ -1,7 +1,6 @@
-// What a home library holds, through every stream kind, as a client gets it:
-// sessions made by VTE_Init from generated media with the sample profiles,
-// every web request in a process of its own, the launchers in place of the
-// NAS's transcoders, the served bytes decoded. Writes docs/media-matrix.md.
+// A home library through every stream kind with the sample profiles, every
+// request in a process of its own, the served bytes decoded as a client
+// does. Writes docs/media-matrix.md.
 #include <gtest/gtest.h>
 #include <json/json.h>
 
