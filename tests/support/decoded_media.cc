@@ -108,7 +108,6 @@ std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::
   if ((status = avformat_find_stream_info(input.get(), nullptr)) < 0) {
     return "no stream information in " + path + ": " + AvError(status);
   }
-  media->format = input->iformat->name;
   media->streams.resize(input->nb_streams);
   std::vector<Decoder> decoders(input->nb_streams);
   for (unsigned int i = 0; i < input->nb_streams; ++i) {

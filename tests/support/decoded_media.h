@@ -25,7 +25,6 @@ struct ProbedStream {
 };
 
 struct ProbedMedia {
-  std::string format;
   std::vector<ProbedStream> streams;
   // The first stream of `type`, or null.
   const ProbedStream* Stream(const std::string& type) const;
