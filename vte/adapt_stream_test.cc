@@ -150,7 +150,7 @@ class InspectedStream : public HttpLiveStream {
 using HttpLiveStreamTest = orvotest::MachineRootTest;
 
 // An Apple TV's timestamps a second later (the copied video's 8-second segments
-// are seen by tests/hls_playback_test.cc). Audio copied where HLS carries it,
+// are seen by tests/adaptive_playback_test.cc). Audio copied where HLS carries it,
 // else as asked.
 TEST_F(HttpLiveStreamTest, RunArgumentsSegmentFromTheRequestedFragment) {
   const std::string mp2 = orvotest::SessionDocument(Media::kAc3DataTs, "")["track_info"]["audio"][1]["id"].asString();

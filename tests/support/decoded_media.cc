@@ -17,15 +17,13 @@ extern "C" {
 namespace orvotest {
 namespace {
 
-// Half the side of the square of pixels a colour is averaged over.
-constexpr int kSampleRadius = 2;
-
 // Owns what a libav function of the form free(T**) releases.
 template <typename T, void (*Free)(T**)>
 struct Freer {
   void operator()(T* owned) const { Free(&owned); }
 };
 using FrameFreer = Freer<AVFrame, av_frame_free>;
+using Decoder = std::unique_ptr<AVCodecContext, Freer<AVCodecContext, avcodec_free_context>>;
 
 std::string AvError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -41,33 +39,19 @@ size_t BigEndian(const std::string& bytes, size_t at) {
   return value;
 }
 
-bool EightBitYuv(int format) {
-  const AVPixFmtDescriptor* layout = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format));
-  return layout != nullptr && layout->nb_components == 3 && layout->comp[0].depth == 8 &&
-         (layout->flags & AV_PIX_FMT_FLAG_PLANAR) && !(layout->flags & AV_PIX_FMT_FLAG_RGB);
-}
-
-// A decoder for one stream of the file, and what it has seen so far.
-struct Track {
-  std::unique_ptr<AVCodecContext, Freer<AVCodecContext, avcodec_free_context>> codec;
-  ProbedStream* seen = nullptr;
-  AVRational timeBase{0, 1};
-};
-
 // Sends `packet` (null: the end) and takes every frame the decoder has
-// ready. "" or the error.
-std::string Decode(Track& track, const AVPacket* packet, AVFrame* frame,
-                   std::vector<Picture>* pictures, size_t most) {
-  int status = avcodec_send_packet(track.codec.get(), packet);
+// ready into `seen`. "" or the error.
+std::string Decode(AVCodecContext* decoder, ProbedStream& seen, const AVPacket* packet,
+                   AVFrame* frame, std::vector<Picture>* pictures, size_t most) {
+  int status = avcodec_send_packet(decoder, packet);
   while (status >= 0 || (status == AVERROR_EOF && packet == nullptr)) {
-    status = avcodec_receive_frame(track.codec.get(), frame);
+    status = avcodec_receive_frame(decoder, frame);
     if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) return "";
     if (status < 0) break;
-    ProbedStream& seen = *track.seen;
     ++seen.frames;
     if (frame->best_effort_timestamp != AV_NOPTS_VALUE) {
       const int64_t end = frame->best_effort_timestamp + std::max<int64_t>(frame->pkt_duration, 0);
-      seen.end = std::max(seen.end, end * av_q2d(track.timeBase));
+      seen.end = std::max(seen.end, end * av_q2d(decoder->pkt_timebase));
     }
     if (seen.type == "video") {
       seen.pixelFormat = av_get_pix_fmt_name(static_cast<AVPixelFormat>(frame->format));
@@ -79,14 +63,14 @@ std::string Decode(Track& track, const AVPacket* packet, AVFrame* frame,
       if (frame->color_primaries != AVCOL_PRI_UNSPECIFIED) {
         seen.primaries = av_color_primaries_name(frame->color_primaries);
       }
-      if (pictures != nullptr && pictures->size() < most && EightBitYuv(frame->format)) {
+      if (pictures && pictures->size() < most && frame->format == AV_PIX_FMT_YUV420P) {
         pictures->push_back({std::shared_ptr<const AVFrame>(av_frame_clone(frame), FrameFreer()),
                              frame->width, frame->height});
       }
     }
     av_frame_unref(frame);
   }
-  return track.seen->type + " does not decode: " + AvError(status);
+  return seen.type + " does not decode: " + AvError(status);
 }
 
 }  // namespace
@@ -101,23 +85,10 @@ const ProbedStream* ProbedMedia::Stream(const std::string& type) const {
 int Picture::Luma(int x, int y) const { return frame->data[0][y * frame->linesize[0] + x]; }
 
 Picture::Rgb Picture::At(double across, double down) const {
-  const AVPixFmtDescriptor* layout = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame->format));
-  const int centreX = static_cast<int>(across * width), centreY = static_cast<int>(down * height);
-  double sums[3] = {0, 0, 0};
-  int count = 0;
-  for (int y = centreY - kSampleRadius; y <= centreY + kSampleRadius; ++y) {
-    for (int x = centreX - kSampleRadius; x <= centreX + kSampleRadius; ++x, ++count) {
-      const int px = std::clamp(x, 0, width - 1), py = std::clamp(y, 0, height - 1);
-      for (int plane = 0; plane < 3; ++plane) {
-        const int shiftX = plane ? layout->log2_chroma_w : 0;
-        const int shiftY = plane ? layout->log2_chroma_h : 0;
-        sums[plane] += frame->data[plane][(py >> shiftY) * frame->linesize[plane] + (px >> shiftX)];
-      }
-    }
-  }
-  const double luma = (sums[0] / count - 16) / 219;
-  const double cb = (sums[1] / count - 128) / 224;
-  const double cr = (sums[2] / count - 128) / 224;
+  const int x = static_cast<int>(across * width), y = static_cast<int>(down * height);
+  const double luma = (Luma(x, y) - 16) / 219.0;
+  const double cb = (frame->data[1][y / 2 * frame->linesize[1] + x / 2] - 128) / 224.0;
+  const double cr = (frame->data[2][y / 2 * frame->linesize[2] + x / 2] - 128) / 224.0;
   const auto level = [](double value) {
     return std::clamp(static_cast<int>(value * 255 + 0.5), 0, 255);
   };
@@ -137,9 +108,8 @@ std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::
   if ((status = avformat_find_stream_info(input.get(), nullptr)) < 0) {
     return "no stream information in " + path + ": " + AvError(status);
   }
-  media->format = input->iformat->name;
   media->streams.resize(input->nb_streams);
-  std::vector<Track> tracks(input->nb_streams);
+  std::vector<Decoder> decoders(input->nb_streams);
   for (unsigned int i = 0; i < input->nb_streams; ++i) {
     const AVStream& stream = *input->streams[i];
     const AVCodecParameters& parameters = *stream.codecpar;
@@ -155,20 +125,18 @@ std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::
       seen.start = stream.start_time * av_q2d(stream.time_base);
     }
     if (seen.type != "video" && seen.type != "audio") continue;
-    const AVCodec* decoder = avcodec_find_decoder(parameters.codec_id);
-    Track& track = tracks[i];
-    track.codec.reset(avcodec_alloc_context3(decoder));
-    if (decoder == nullptr || avcodec_parameters_to_context(track.codec.get(), &parameters) < 0) {
+    const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
+    Decoder& decoder = decoders[i];
+    decoder.reset(avcodec_alloc_context3(codec));
+    if (codec == nullptr || avcodec_parameters_to_context(decoder.get(), &parameters) < 0) {
       return "no decoder for " + seen.codec;
     }
-    track.codec->err_recognition = AV_EF_EXPLODE;
-    track.codec->thread_count = 1;
-    track.codec->pkt_timebase = stream.time_base;
-    if ((status = avcodec_open2(track.codec.get(), decoder, nullptr)) < 0) {
+    decoder->err_recognition = AV_EF_EXPLODE;
+    decoder->thread_count = 1;
+    decoder->pkt_timebase = stream.time_base;
+    if ((status = avcodec_open2(decoder.get(), codec, nullptr)) < 0) {
       return "cannot open the " + seen.codec + " decoder: " + AvError(status);
     }
-    track.seen = &seen;
-    track.timeBase = stream.time_base;
     seen.frames = 0;
   }
 
@@ -176,13 +144,17 @@ std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::
   std::unique_ptr<AVFrame, FrameFreer> frame(av_frame_alloc());
   std::string error;
   while (error.empty() && (status = av_read_frame(input.get(), packet.get())) >= 0) {
-    Track& track = tracks[packet->stream_index];
-    if (track.codec) error = Decode(track, packet.get(), frame.get(), pictures, most);
+    const int i = packet->stream_index;
+    if (decoders[i]) {
+      error =
+          Decode(decoders[i].get(), media->streams[i], packet.get(), frame.get(), pictures, most);
+    }
     av_packet_unref(packet.get());
   }
   if (error.empty() && status != AVERROR_EOF) error = "reading failed: " + AvError(status);
-  for (Track& track : tracks) {
-    if (error.empty() && track.codec) error = Decode(track, nullptr, frame.get(), pictures, most);
+  for (size_t i = 0; i < decoders.size(); ++i) {
+    if (!error.empty() || !decoders[i]) continue;
+    error = Decode(decoders[i].get(), media->streams[i], nullptr, frame.get(), pictures, most);
   }
   return error;
 }
@@ -199,6 +171,21 @@ std::string Attribute(const std::string& xml, const std::string& name, size_t fr
   if (start == std::string::npos) return "";
   const size_t value = start + name.size() + 3;
   return xml.substr(value, xml.find('"', value) - value);
+}
+
+std::vector<long long> ChunkTimes(const std::string& manifest) {
+  std::vector<long long> times = {0};
+  for (size_t at = manifest.find("<c "); at < manifest.find("Type=\"audio\"");
+       at = manifest.find("<c ", at + 1)) {
+    times.push_back(times.back() + std::stoll(Attribute(manifest, "d", at)));
+  }
+  times.pop_back();
+  return times;
+}
+
+std::string FragmentName(const std::string& manifest, const std::string& type, long long time) {
+  const std::string bitrate = Attribute(manifest, "Bitrate", manifest.find("Type=\"" + type));
+  return "QualityLevels(" + bitrate + ")/Fragments(" + type + "=" + std::to_string(time) + ")";
 }
 
 std::string FragmentSamples(const std::string& path) {
@@ -218,20 +205,19 @@ std::string BytesFromHex(const std::string& hex) {
   return bytes;
 }
 
-std::string DecodeSmoothVideo(const std::string& manifest,
-                              const std::vector<std::string>& fragments, const std::string& scratch,
-                              ProbedMedia* media, std::vector<Picture>* pictures, size_t most) {
+std::string WriteSmoothVideo(const std::string& manifest, const std::vector<std::string>& fragments,
+                             const std::string& path) {
   std::string stream = BytesFromHex(Attribute(manifest, "CodecPrivateData"));
-  for (const std::string& path : fragments) {
-    const std::string data = FragmentSamples(path);
-    if (data.empty()) return path + " is not a whole fragment";
+  for (const std::string& fragment : fragments) {
+    const std::string data = FragmentSamples(fragment);
+    if (data.empty()) return fragment + " is not a whole fragment";
     // Its samples are NAL units behind 4-byte lengths.
     for (size_t at = 0; at + 4 <= data.size(); at += 4 + BigEndian(data, at)) {
       stream += std::string("\0\0\0\1", 4) + data.substr(at + 4, BigEndian(data, at));
     }
   }
-  std::ofstream(scratch, std::ios::binary | std::ios::trunc) << stream;
-  return DecodeMedia(scratch, media, "h264", pictures, most);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << stream;
+  return "";
 }
 
 }  // namespace orvotest

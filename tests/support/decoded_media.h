@@ -25,13 +25,12 @@ struct ProbedStream {
 };
 
 struct ProbedMedia {
-  std::string format;
   std::vector<ProbedStream> streams;
   // The first stream of `type`, or null.
   const ProbedStream* Stream(const std::string& type) const;
 };
 
-// One decoded 8-bit Y'CbCr picture.
+// One decoded yuv420p picture.
 struct Picture {
   std::shared_ptr<const AVFrame> frame;
   int width = 0, height = 0;
@@ -39,13 +38,13 @@ struct Picture {
     int r, g, b;
   };
   // The colour a screen shows at `across` and `down` (fractions of the
-  // picture), averaged over a few pixels: BT.709, limited range.
+  // picture): BT.709, limited range.
   Rgb At(double across, double down) const;
   int Luma(int x, int y) const;
 };
 
 // Decodes `path` (`format` forces the demuxer, "" lets libavformat guess)
-// into `media`; `pictures`, when given, gets the first `most` 8-bit Y'CbCr
+// into `media`; `pictures`, when given, gets the first `most` yuv420p
 // pictures in order. "" on success, else what went wrong.
 std::string DecodeMedia(const std::string& path, ProbedMedia* media, const std::string& format = "",
                         std::vector<Picture>* pictures = nullptr, size_t most = 1);
@@ -60,16 +59,20 @@ std::string Attribute(const std::string& xml, const std::string& name, size_t fr
 // The bytes of a hex text such as a manifest's CodecPrivateData.
 std::string BytesFromHex(const std::string& hex);
 
-// Decodes Smooth video fragments as a client does, with nothing but the
-// manifest's codec data: their samples behind Annex B start codes, after
-// the manifest's parameter sets, written to `scratch`. A fragment file that
-// is not whole (a moof box, then an mdat box, filling it exactly) fails.
-std::string DecodeSmoothVideo(const std::string& manifest,
-                              const std::vector<std::string>& fragments, const std::string& scratch,
-                              ProbedMedia* media, std::vector<Picture>* pictures, size_t most = 1);
+// The start times of a Smooth manifest's video chunks, summed from their
+// durations as a client does; and the request for the fragment of `type`
+// ("video", "audio") at `time`.
+std::vector<long long> ChunkTimes(const std::string& manifest);
+std::string FragmentName(const std::string& manifest, const std::string& type, long long time);
 
 // The samples (the mdat payload) of the Smooth fragment file at `path`;
-// "" unless it is whole.
+// "" unless it is whole (a moof box, then an mdat box, filling it).
 std::string FragmentSamples(const std::string& path);
+
+// Writes to `path` Smooth video fragments as a client feeds its decoder,
+// with nothing but the manifest's codec data: their samples behind Annex B
+// start codes, after the manifest's parameter sets. "" or what is wrong.
+std::string WriteSmoothVideo(const std::string& manifest, const std::vector<std::string>& fragments,
+                             const std::string& path);
 
 }  // namespace orvotest

@@ -44,9 +44,7 @@ bool CompleteSegment(const std::string& path, double* videoStart, long* videoFra
   if (path.empty() || !ProbeMedia(path, &media, "mpegts")) return false;
   const ProbedStream* video = media.Stream("video");
   const ProbedStream* audio = media.Stream("audio");
-  if (video == nullptr || video->frames <= 0 || audio == nullptr || audio->frames <= 0) {
-    return false;
-  }
+  if (!video || video->frames <= 0 || !audio || audio->frames <= 0) return false;
   if (videoStart) *videoStart = video->start;
   if (videoFrames) *videoFrames = video->frames;
   return true;

@@ -1,6 +1,5 @@
-// Real HLS playback for end-to-end tests: a machine root with the
-// launchers, sessions opened and served by web requests each in a process
-// of its own, and the checks that nothing of a stream outlives it.
+// Real HLS playback for end-to-end tests: sessions opened and served by web
+// requests each in a process of its own, and what a stream leaves behind.
 #pragma once
 
 #include <sys/types.h>
@@ -18,9 +17,8 @@
 namespace orvotest {
 
 // One segment or fragment request of a Stream (HttpLiveStream,
-// SmoothStream) in a process of its own, as the web API serves it, its
-// transcoders' output going to the root's request log: the path served, ""
-// when refused, "<...>" when the request failed.
+// SmoothStream) in a process of its own, its transcoders' output going to
+// the request log: the path served, "" when refused, "<...>" when it failed.
 template <typename Stream>
 std::string Fetch(const std::string& id, const std::string& name, int timeoutSeconds = 90) {
   return TextFromChild(
@@ -34,8 +32,8 @@ std::string Fetch(const std::string& id, const std::string& name, int timeoutSec
 
 class PlaybackTest : public ::testing::Test {
  protected:
-  // A fresh x86 root with the launchers and the profiles below; this
-  // process becomes the subreaper of every monitor and transcoder.
+  // A fresh x86 root with the launchers and the profiles Open names; this
+  // process the subreaper of every monitor and transcoder.
   void SetUp() override;
   // Kills and reaps what a failed case left; shows the end of the request log.
   void TearDown() override;
@@ -44,26 +42,24 @@ class PlaybackTest : public ::testing::Test {
   // server's user with root saved, as on the NAS.
   void ServeAsWebServerUser();
 
-  // Profiles: "paced" (transcode at ten times real time, so a run is still
-  // going while the test acts on it), "slow" (the same at real time),
-  // "remux" (video copied), "broken" (a transcoder that exits at once).
-  // Creates and opens HLS session `id`, asking for `space` bytes of volume
-  // (0: the default); "ok" or what failed (the error code when Init refused).
+  // Creates and opens HLS session `id` with `profile` ("paced": ten times
+  // real time, "slow": real time, "remux": video copied, "broken": exits at
+  // once), asking for `space` bytes of volume (0: the default); "ok" or what
+  // failed (the error code when Init refused).
   std::string Open(const std::string& id, const std::string& profile,
                    Media media = Media::kLongH264AacMp4, long long space = 0);
   struct Request;
   Request StartOpen(const std::string& id, const std::string& profile,
                     Media media = Media::kLongH264AacMp4, long long space = 0);
-  // One segment request: the path served, "" when refused, "<...>" when the
-  // request failed.
+  // One segment request, as Fetch.
   std::string Segment(const std::string& id, int fragment, int timeoutSeconds = 90);
   // Starts that request; WaitForChild reaps it, 0 when it was served.
   pid_t StartSegment(const std::string& id, int fragment);
   bool Close(const std::string& id);
 
-  // A web request: `body` runs in a child whose output, and that of the
-  // monitors and transcoders it starts, goes to the request log. Its text
-  // comes back through an answer file, whatever those processes still hold.
+  // A web request: `body` runs in a child whose output, and its monitors'
+  // and transcoders', goes to the request log; its text comes back through
+  // an answer file, whatever those processes still hold.
   struct Request {
     pid_t pid = -1;
     std::shared_ptr<toolkit::AnswerFile> answer;
