@@ -1,9 +1,7 @@
-// A stand-in transcoder for tests. Writes the descriptors it was started
-// with ("fds 0 1 2 ...") and then its arguments, one per line, to the file
-// named by ORVOTEST_RECORD (whole, by rename, so a reader never sees half),
-// then lingers ORVOTEST_RECORD_LINGER_MS milliseconds so that a test can
-// look at it while it runs; with ORVOTEST_RECORD_DEAF non-empty it lingers
-// deaf to SIGINT and SIGTERM, as a hung transcoder would.
+// A stand-in transcoder: writes the descriptors it was started with ("fds 0
+// 1 2 ...") and its arguments, a line each, to $ORVOTEST_RECORD (by rename,
+// so never half), then lingers ORVOTEST_RECORD_LINGER_MS ms for a test to
+// watch it; deaf to SIGINT and SIGTERM, as a hung transcoder, when asked.
 #include <fcntl.h>
 #include <signal.h>
 

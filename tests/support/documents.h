@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <sstream>
 #include <string>
 
 #include "metadata/video_metadata.h"
@@ -14,10 +13,8 @@ namespace orvotest {
 // Null, and a gtest failure, when `text` is not JSON.
 inline Json::Value ParseJson(const std::string& text) {
   Json::Value value;
-  std::string errors;
-  std::istringstream in(text);
-  if (Json::parseFromStream(Json::CharReaderBuilder(), in, &value, &errors)) return value;
-  ADD_FAILURE() << errors << " in " << text;
+  if (Json::Reader().parse(text, value)) return value;
+  ADD_FAILURE() << "not JSON: " << text;
   return Json::Value();
 }
 

@@ -71,8 +71,7 @@ void StreamTest::SetUp() {
 }
 
 void StreamTest::TearDown() {
-  // Long enough for the slowest end: a monitor notices its signal within
-  // one 2-second poll, then stops ffmpeg.
+  // A monitor notices a signal within one 2-second poll, then stops ffmpeg.
   EXPECT_TRUE(ChildrenEnded(15)) << "a process of a stream outlived the test";
   MachineRootTest::TearDown();
 }

@@ -20,10 +20,9 @@ namespace {
 // Bumped whenever a recipe changes, so that no older file is taken for new.
 constexpr char kRecipeDir[] = "/r4";
 
-// A recipe is what ffmpeg gets between its common options and the output
-// name, one word per space; "@name" stands for the path of another file of
-// the cache, made first. A file with no recipe is written from Text. The
-// media come first, in the order of Media.
+// A recipe is ffmpeg's arguments before the output name, a word per space;
+// "@name" is the path of another cached file, made first. A file with no
+// recipe is written from Text. The media come first, in the order of Media.
 struct Entry {
   const char* name;
   const char* recipe;
@@ -146,9 +145,8 @@ bool Make(const Entry& entry, const std::string& path) {
   return status == 0;
 }
 
-// The path of the cached file `name`, made unless it exists; "" on failure.
-// It is made under a temporary name of the same extension (ffmpeg picks the
-// muxer from it) and renamed once whole, so a file that exists is whole.
+// Made under a temporary name of the same extension (ffmpeg picks the muxer
+// from it) and renamed once whole, so a file that exists is whole.
 std::string Ensure(const std::string& name) {
   const std::string path = CacheDir() + "/" + name;
   if (Exists(path)) return path;
@@ -182,8 +180,7 @@ std::string TestMedia(Media kind) {
   if (Exists(path)) return path;
   std::error_code failed;
   std::filesystem::create_directories(CacheDir(), failed);
-  // Serialises generation between test processes; another may be making
-  // the whole set while this one waits.
+  // Another test process may be making the whole set while this one waits.
   const int lock = open((CacheDir() + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (failed || lock < 0 ||
       !WaitUntil([lock] { return flock(lock, LOCK_EX | LOCK_NB) == 0; }, 240000)) {
