@@ -1,5 +1,4 @@
-// Parts of a test, or programs, in real child processes with bounded waits,
-// and the users a test process can become.
+// Real child processes with bounded waits, and the users a test can become.
 #pragma once
 
 #include <sys/types.h>
@@ -51,8 +50,7 @@ void SendOutputTo(const std::string& log);
 // "nobody" for good; false when impossible.
 bool DropToUnprivilegedUser();
 
-// "nobody" as a web server's request is on the NAS: root kept as the saved
-// ids for the library to raise to.
+// "nobody" with root kept as the saved ids, as a web request on the NAS.
 bool BecomeWebServerUser();
 
 }  // namespace orvotest

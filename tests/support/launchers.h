@@ -1,5 +1,4 @@
-// The transcoder launchers (nas/launchers) in a machine root, and what they
-// read and write.
+// The transcoder launchers in a machine root, and what they read and write.
 #pragma once
 
 #include <string>

@@ -1,6 +1,5 @@
-// The lines the library logs: this process's while the capture lives,
-// instead of syslog; or every process's in the log file under the machine
-// root, from the capture on.
+// The lines the library logs: this process's instead of syslog, or every
+// process's in the log file under the machine root, from the capture on.
 #pragma once
 
 #include <sys/types.h>

@@ -45,9 +45,8 @@ void MachineRoot::WriteFile(const std::string& machinePath, const std::string& c
 }
 
 void MachineRoot::Play(const PlatformFiles& platform) const {
-  std::error_code ignored;
-  fs::remove(At(machine::kOrvoInfoConf), ignored);
-  fs::remove(At(machine::kOrvoPlatform), ignored);
+  RemoveTree(At(machine::kOrvoInfoConf));
+  RemoveTree(At(machine::kOrvoPlatform));
   if (!platform.name.empty()) {
     WriteFile(machine::kOrvoInfoConf, "unique=\"reelbox_" + platform.name + "_1019\"\n");
   }

@@ -1,5 +1,4 @@
-// A temporary machine root for one test: the platform's files, the
-// application's configuration and data volumes, removed afterwards.
+// A temporary machine root for one test, removed afterwards.
 #pragma once
 
 #include <gtest/gtest.h>

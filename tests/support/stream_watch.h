@@ -1,5 +1,4 @@
-// Watching a stream's session and the detached processes it leaves running
-// (monitors, transcoders) from a test.
+// A stream's session and the processes it detaches, watched from a test.
 #pragma once
 
 #include <string>
@@ -36,8 +35,7 @@ int RecordedPid(const std::string& pidFile, int unlike = -1);
 // A zombie has ended.
 bool Ends(int pid, int timeoutMs = 10000);
 
-// Detached monitors and transcoders become this process's children, to be
-// reaped and counted.
+// Detached monitors and transcoders become this process's, to be reaped.
 bool BecomeSubreaper();
 
 // False, and the rest killed, when some child did not end in time.

@@ -1,5 +1,4 @@
-// A stream's transcoder start-up run for real, with a stand-in program
-// (tests/argv_recorder.cc) that records what it was given.
+// Transcoder starts run for real, with a stand-in that records what it got.
 #pragma once
 
 #include <json/json.h>
@@ -34,8 +33,7 @@ Recording RecordStart(const std::string& recordFile, const std::function<bool()>
 // The probed document as a session keeps it, for the device "browser".
 Json::Value SessionDocument(Media media, const std::string& profile);
 
-// Its "video_metadata" written as the session would hold it; the session
-// directory.
+// Writes the session's "video_metadata"; the session directory.
 std::string WriteSession(const std::string& type, const std::string& id, const Json::Value& doc);
 
 }  // namespace orvotest
