@@ -1,6 +1,4 @@
-// Parts of a test, or programs, in real child processes with bounded waits
-// (toolkit/child_process.h under the tests' names), and the users a test
-// process can become.
+// Real child processes with bounded waits, and the users a test can become.
 #pragma once
 
 #include <sys/types.h>
@@ -14,17 +12,14 @@
 
 namespace orvotest {
 
-// Polls `condition` every 20 ms for at most `timeoutMs`; its last answer.
+// Polls every 20 ms; the condition's last answer.
 bool WaitUntil(const std::function<bool()>& condition, int timeoutMs);
 
-// Whether the path exists (a dangling link does).
-bool Exists(const std::string& path);
+bool Exists(const std::string& path);  // a dangling link does
 
-// A child running `body`, unwaited; -1 on failure.
 inline pid_t StartChild(const std::function<int()>& body) { return toolkit::StartFunction(body); }
 
-// The child's exit status; -1 when it was late (then stopped and reaped),
-// crashed or is no child.
+// -1 when the child was late (then stopped and reaped), crashed or is no child.
 inline int WaitForChild(pid_t pid, int timeoutSeconds = 30) {
   return toolkit::WaitFor(pid, std::chrono::seconds(timeoutSeconds));
 }
@@ -33,11 +28,10 @@ inline int RunInChild(const std::function<int()>& body, int timeoutSeconds = 30)
   return WaitForChild(StartChild(body), timeoutSeconds);
 }
 
-// The text `body` returned in a child; "<child failed with status N>" when
-// the child did not end with 0 in time.
+// "<child failed with status N>" when the child did not end with 0 in time.
 std::string TextFromChild(const std::function<std::string()>& body, int timeoutSeconds = 30);
 
-// `argv` started with stdio on /dev/null, `inherited` kept open; its pid, or -1.
+// Stdio on /dev/null, `inherited` kept open.
 inline pid_t StartProgram(const std::vector<std::string>& argv,
                           const std::vector<int>& inherited = {}) {
   toolkit::Wiring quiet;
@@ -50,14 +44,13 @@ inline int RunQuietly(const std::vector<std::string>& argv, int timeoutSeconds) 
   return WaitForChild(StartProgram(argv), timeoutSeconds);
 }
 
-// Appends this process's stdout and stderr, and its children's, to `log`.
+// This process's stdout and stderr, and its children's, appended to `log`.
 void SendOutputTo(const std::string& log);
 
-// Every id of this process "nobody"'s for good; false when impossible.
+// "nobody" for good; false when impossible.
 bool DropToUnprivilegedUser();
 
-// This process "nobody" as a web server's request is on the NAS: root kept
-// as the saved ids for the library to raise to; false when impossible.
+// "nobody" with root kept as the saved ids, as a web request on the NAS.
 bool BecomeWebServerUser();
 
 }  // namespace orvotest

@@ -1,44 +1,38 @@
-// Metadata documents written by hand in tests: JSON text in, the library's
-// metadata object out, and one canonical line to compare documents by.
+// Metadata documents written by hand in tests.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <sstream>
 #include <string>
 
 #include "metadata/video_metadata.h"
 
 namespace orvotest {
 
-// `text` parsed; a gtest failure (and null) when it is not JSON.
+// Null, and a gtest failure, when `text` is not JSON.
 inline Json::Value ParseJson(const std::string& text) {
   Json::Value value;
-  std::string errors;
-  std::istringstream in(text);
-  if (Json::parseFromStream(Json::CharReaderBuilder(), in, &value, &errors)) return value;
-  ADD_FAILURE() << errors << " in " << text;
+  if (Json::Reader().parse(text, value)) return value;
+  ADD_FAILURE() << "not JSON: " << text;
   return Json::Value();
 }
 
-// `value` on one line, keys sorted, integers and reals told apart (25 vs
-// 25.0), strings and numbers too.
+// One line with keys sorted that tells 25 from 25.0 and "25".
 inline std::string JsonLine(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   return Json::writeString(builder, value);
 }
 
-// Metadata holding `document` as a probe (or another process's session
-// file) would have left it; `loaded` as the object would say.
+// Metadata holding `doc` as a probe or another process's session file left
+// it; from JSON text, "" leaves nothing loaded.
 class DocumentMetaData : public LibOrvoVTE::VideoMetaData {
  public:
   explicit DocumentMetaData(const Json::Value& doc, bool isLoaded = true) {
     document = doc;
     loaded = isLoaded;
   }
-  // From JSON text; "" leaves nothing loaded.
   explicit DocumentMetaData(const std::string& text)
       : DocumentMetaData(text.empty() ? Json::Value() : ParseJson(text), !text.empty()) {}
 };

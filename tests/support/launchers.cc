@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -44,8 +43,7 @@ bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough) {
 }
 
 bool WaitForPath(const std::string& path, int timeoutMs) {
-  struct stat info;
-  return WaitUntil([&] { return stat(path.c_str(), &info) == 0; }, timeoutMs);
+  return WaitUntil([&] { return Exists(path); }, timeoutMs);
 }
 
 std::vector<std::string> SplitWords(const std::string& line) {

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -46,17 +45,12 @@ const std::vector<LoggedLine>& LogCapture::Lines() const {
 }
 
 bool LogCapture::Has(int priority, const std::string& text) const {
-  const std::vector<LoggedLine>& lines = Lines();
-  return std::any_of(lines.begin(), lines.end(), [&](const LoggedLine& line) {
-    return line.priority == priority && line.text == text;
-  });
+  const std::string line = "\n" + std::to_string(priority) + " " + text + "\n";
+  return ("\n" + Dump()).find(line) != std::string::npos;
 }
 
 bool LogCapture::Contains(const std::string& fragment) const {
-  const std::vector<LoggedLine>& lines = Lines();
-  return std::any_of(lines.begin(), lines.end(), [&](const LoggedLine& line) {
-    return line.text.find(fragment) != std::string::npos;
-  });
+  return Dump().find(fragment) != std::string::npos;
 }
 
 std::string LogCapture::Dump() const {

@@ -1,6 +1,5 @@
-// The lines the library logs: this process's while the capture lives,
-// instead of syslog; or every process's (monitors, transcoders, requests in
-// children) in the log file under the machine root, from the capture on.
+// The lines the library logs: this process's instead of syslog, or every
+// process's in the log file under the machine root, from the capture on.
 #pragma once
 
 #include <sys/types.h>
@@ -17,17 +16,13 @@ struct LoggedLine {
 
 class LogCapture {
  public:
-  enum Source {
-    kThisProcess,
-    // Creates the file when missing, which turns it on whatever syslog does.
-    kLogFile,
-  };
+  // kLogFile creates the file when missing, which turns it on.
+  enum Source { kThisProcess, kLogFile };
   explicit LogCapture(Source source = kThisProcess);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // From the file: what has been appended so far.
   const std::vector<LoggedLine>& Lines() const;
   bool Has(int priority, const std::string& text) const;  // a line equal to `text`
   bool Contains(const std::string& fragment) const;       // in some line

@@ -15,32 +15,15 @@ namespace orvotest {
 namespace fs = std::filesystem;
 namespace machine = librh::machine;
 
-namespace {
-
-std::string CpuInfo(const PlatformFiles& platform) {
-  std::ostringstream text;
-  for (int i = 0; i < std::max(platform.cpuCores, 1); ++i) {
-    text << "processor\t: " << i << "\nvendor_id\t: GenuineIntel\nmodel name\t: Test CPU\n";
-    if (platform.cpuCores > 0) text << "cpu cores\t: " << platform.cpuCores << "\n";
-    text << "bogomips\t: " << platform.bogoMips << "\n"
-         << "BogoMIPS\t: " << platform.bogoMips << "\n\n";
-  }
-  return text.str();
-}
-
-}  // namespace
-
 MachineRoot::MachineRoot(const PlatformFiles& platform) {
-  std::string pattern = (fs::temp_directory_path() / "orvovte-root-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed for " << pattern;
-  root_ = pattern;
+  root_ = (fs::temp_directory_path() / "orvovte-root-XXXXXX").string();
+  if (mkdtemp(root_.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed for " << root_;
   chmod(root_.c_str(), 0755);
   if (const char* previous = getenv(machine::kRootVariable)) previousRoot_ = previous;
   setenv(machine::kRootVariable, root_.c_str(), 1);
 
   fs::create_directories(At(machine::kTempRoot));
   fs::create_directories(At("/run"));
-  fs::create_directories(fs::path(At(machine::kAdvancedConf)).parent_path());
   WriteFile(machine::kCodecsConf, "support_codec_dts=\"no\"\n");
   Play(platform);
   AddVolume(1);
@@ -62,16 +45,22 @@ void MachineRoot::WriteFile(const std::string& machinePath, const std::string& c
 }
 
 void MachineRoot::Play(const PlatformFiles& platform) const {
-  std::error_code ignored;
-  fs::remove(At(machine::kOrvoInfoConf), ignored);
-  fs::remove(At(machine::kOrvoPlatform), ignored);
+  RemoveTree(At(machine::kOrvoInfoConf));
+  RemoveTree(At(machine::kOrvoPlatform));
   if (!platform.name.empty()) {
     WriteFile(machine::kOrvoInfoConf, "unique=\"reelbox_" + platform.name + "_1019\"\n");
   }
   if (!platform.hostPlatform.empty()) {
     WriteFile(machine::kOrvoPlatform, platform.hostPlatform + "\n");
   }
-  WriteFile(machine::kCpuInfo, CpuInfo(platform));
+  std::ostringstream cpus;
+  for (int i = 0; i < std::max(platform.cpuCores, 1); ++i) {
+    cpus << "processor\t: " << i << "\nvendor_id\t: GenuineIntel\nmodel name\t: Test CPU\n";
+    if (platform.cpuCores > 0) cpus << "cpu cores\t: " << platform.cpuCores << "\n";
+    cpus << "bogomips\t: " << platform.bogoMips << "\n"
+         << "BogoMIPS\t: " << platform.bogoMips << "\n\n";
+  }
+  WriteFile(machine::kCpuInfo, cpus.str());
   librh::seams::ForgetPlatform();
 }
 
@@ -83,7 +72,7 @@ std::string MachineRoot::AddVolume(int number) const {
 
 void RemoveTree(const std::string& path) {
   std::error_code ignored;
-  if (!path.empty()) fs::remove_all(path, ignored);
+  fs::remove_all(path, ignored);
 }
 
 }  // namespace orvotest

@@ -20,16 +20,6 @@
 #include "vte/utils/vteutils.h"
 
 namespace orvotest {
-namespace {
-
-bool ReapAll() {
-  pid_t done;
-  while ((done = waitpid(-1, nullptr, WNOHANG)) > 0) {
-  }
-  return done < 0 && errno == ECHILD;
-}
-
-}  // namespace
 
 std::string CreateSession(Media media, const std::string& type, const std::string& profileFile,
                           const std::string& profile, const std::string& id) {
@@ -52,9 +42,9 @@ std::string MakeSession(const std::string& type, const std::string& id) {
   const std::string session = SessionPath(type, id);
   const std::string volume = librh::machine::Resolve("/volume1/@tmp/Reelhall/");
   const std::string dir = type == "HTTP" ? session : volume + type + "/" + id;
+  RemoveTree(session);
+  RemoveTree(dir);
   std::error_code ignored;
-  fs::remove_all(session, ignored);
-  fs::remove_all(dir, ignored);
   fs::create_directories(fs::path(session).parent_path());
   fs::create_directories(dir);
   if (dir != session) fs::create_directory_symlink(dir, session, ignored);
@@ -63,13 +53,11 @@ std::string MakeSession(const std::string& type, const std::string& id) {
 
 int RecordedPid(const std::string& pidFile, int unlike) {
   int pid = -1;
-  const bool came = WaitUntil(
-      [&] {
-        pid = atoi(LibOrvoVTE::ReadFile(pidFile).c_str());
-        return pid > 0 && pid != unlike;
-      },
-      10000);
-  return came ? pid : -1;
+  const auto came = [&] {
+    pid = atoi(LibOrvoVTE::ReadFile(pidFile).c_str());
+    return pid > 0 && pid != unlike;
+  };
+  return WaitUntil(came, 10000) ? pid : -1;
 }
 
 bool Ends(int pid, int timeoutMs) {
@@ -83,8 +71,7 @@ void StreamTest::SetUp() {
 }
 
 void StreamTest::TearDown() {
-  // Long enough for the slowest end: a monitor notices its signal within
-  // one 2-second poll, then stops ffmpeg.
+  // A monitor notices a signal within one 2-second poll, then stops ffmpeg.
   EXPECT_TRUE(ChildrenEnded(15)) << "a process of a stream outlived the test";
   MachineRootTest::TearDown();
 }
@@ -92,11 +79,17 @@ void StreamTest::TearDown() {
 bool BecomeSubreaper() { return prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0; }
 
 bool ChildrenEnded(int timeoutSeconds) {
-  if (WaitUntil(ReapAll, timeoutSeconds * 1000)) return true;
+  const auto reapAll = [] {
+    pid_t done;
+    while ((done = waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    return done < 0 && errno == ECHILD;
+  };
+  if (WaitUntil(reapAll, timeoutSeconds * 1000)) return true;
   for (const toolkit::ProcessEntry& child : toolkit::ChildrenOf(getpid())) {
     kill(child.pid, SIGKILL);
   }
-  WaitUntil(ReapAll, 2000);
+  WaitUntil(reapAll, 2000);
   return false;
 }
 

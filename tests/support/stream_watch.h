@@ -1,5 +1,4 @@
-// Watching a stream's session and the detached processes it leaves running
-// (monitors, transcoders) from a test.
+// A stream's session and the processes it detaches, watched from a test.
 #pragma once
 
 #include <string>
@@ -11,45 +10,38 @@
 
 namespace orvotest {
 
-// A fresh x86 machine root with /volume1 and the transcoder launchers, in
-// which this process adopts every detached process a stream starts. Each
-// of them must have ended by the end of the case (a bounded wait).
+// A machine root with the launchers, in which this process adopts what a
+// stream detaches; a case fails when one of them outlives it.
 class StreamTest : public MachineRootTest {
  protected:
   void SetUp() override;
   void TearDown() override;
 };
 
-// Creates the session `id` of `type` for `media` with profile `profile` of
-// the sample profile file `profileFile` ("http.json"); its id or "".
+// Its id, or "". `profileFile` is a sample profile file ("http.json").
 std::string CreateSession(Media media, const std::string& type, const std::string& profileFile,
                           const std::string& profile, const std::string& id);
 
-// The session directory of `type` and `id`, or the file `name` in it.
 std::string SessionPath(const std::string& type, const std::string& id,
                         const std::string& name = "");
 
-// Makes a fresh, empty session directory of `type` and `id` as the library
-// does (a link to a directory on /volume1 but for "HTTP"); returns its path.
+// A fresh, empty session directory as the library makes it (a link to one on
+// /volume1 but for "HTTP").
 std::string MakeSession(const std::string& type, const std::string& id);
 
-// The pid recorded in `pidFile`, waiting at most 10 seconds for one other
-// than `unlike`; -1 when none came.
+// The pid in `pidFile` once it is not `unlike` (within 10 s), or -1.
 int RecordedPid(const std::string& pidFile, int unlike = -1);
 
-// Whether `pid` ends (a zombie has ended) within `timeoutMs`.
+// A zombie has ended.
 bool Ends(int pid, int timeoutMs = 10000);
 
-// Detached monitors and transcoders become this process's children when
-// their parents exit, to be reaped and counted.
+// Detached monitors and transcoders become this process's, to be reaped.
 bool BecomeSubreaper();
 
-// Reaps every child within `timeoutSeconds`; false (and the rest killed) when
-// some did not end in time.
+// False, and the rest killed, when some child did not end in time.
 bool ChildrenEnded(int timeoutSeconds);
 
-// The pids of the load registry's entries under the current machine root;
-// not 0, the pid of a session's place while no transcoder of it runs.
+// Not 0, the pid of a session's place while none of its transcoders runs.
 std::vector<int> RegistryPids();
 bool Registered(int pid);
 

@@ -31,7 +31,6 @@ Recording ReadRecording(const std::string& recordFile, int timeoutSeconds) {
   WaitUntil([&] { return in.open(recordFile), in.is_open(); }, timeoutSeconds * 1000);
   std::string line;
   if (!std::getline(in, line)) return recording;
-  recording.written = true;
   std::istringstream fds(line.substr(3));
   for (int fd; fds >> fd;) recording.fds.push_back(fd);
   while (std::getline(in, line)) recording.argv.push_back(line);
