@@ -121,7 +121,8 @@ double StockSegmentMs(std::vector<std::string> command, const std::string& dir, 
   const Clock::time_point start = Clock::now();
   const pid_t pid = orvotest::StartProgram(command);
   if (pid < 0) return -1;
-  const bool done = orvotest::WaitForPath(SegmentName(dir, segment + 1), kTimeoutSeconds * 1000);
+  const std::string next = SegmentName(dir, segment + 1);
+  const bool done = orvotest::WaitUntil([&] { return orvotest::Exists(next); }, kTimeoutSeconds * 1000);
   const double spent = MsSince(start);
   kill(pid, SIGKILL);
   orvotest::WaitForChild(pid, 5);

@@ -42,10 +42,6 @@ bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough) {
   return true;
 }
 
-bool WaitForPath(const std::string& path, int timeoutMs) {
-  return WaitUntil([&] { return Exists(path); }, timeoutMs);
-}
-
 std::vector<std::string> SplitWords(const std::string& line) {
   std::istringstream in(line);
   std::vector<std::string> words;

@@ -44,21 +44,4 @@ const std::vector<LoggedLine>& LogCapture::Lines() const {
   return lines_;
 }
 
-bool LogCapture::Has(int priority, const std::string& text) const {
-  const std::string line = "\n" + std::to_string(priority) + " " + text + "\n";
-  return ("\n" + Dump()).find(line) != std::string::npos;
-}
-
-bool LogCapture::Contains(const std::string& fragment) const {
-  return Dump().find(fragment) != std::string::npos;
-}
-
-std::string LogCapture::Dump() const {
-  std::string all;
-  for (const LoggedLine& line : Lines()) {
-    all += std::to_string(line.priority) + " " + line.text + "\n";
-  }
-  return all;
-}
-
 }  // namespace orvotest

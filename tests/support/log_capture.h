@@ -24,9 +24,6 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   const std::vector<LoggedLine>& Lines() const;
-  bool Has(int priority, const std::string& text) const;  // a line equal to `text`
-  bool Contains(const std::string& fragment) const;       // in some line
-  std::string Dump() const;
 
  private:
   Source source_;
