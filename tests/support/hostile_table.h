@@ -23,9 +23,8 @@ inline std::string Printable(const std::string& text) {
   return shown + "`";
 }
 
-// Appends "| area | input | result |" to $ORVOVTE_HOSTILE_TABLE while the
-// running case has not failed: a row is what was seen. One append per row,
-// as cases run in parallel processes.
+// Appends "| area | input | result |" to $ORVOVTE_HOSTILE_TABLE in one write
+// (cases run in parallel) while the running case has not failed.
 inline void HostileRow(const std::string& area, const std::string& input,
                        const std::string& result) {
   const char* table = getenv("ORVOVTE_HOSTILE_TABLE");
