@@ -31,9 +31,7 @@ inline void HostileRow(const std::string& area, const std::string& input,
   if (table == nullptr || *table == '\0' || ::testing::Test::HasFailure()) return;
   const std::string row = "| " + area + " | " + input + " | " + result + " |\n";
   const int fd = open(table, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0 || write(fd, row.data(), row.size()) != static_cast<ssize_t>(row.size())) {
-    ADD_FAILURE() << "cannot add a row to " << table;
-  }
+  EXPECT_EQ(write(fd, row.data(), row.size()), static_cast<ssize_t>(row.size())) << table;
   if (fd >= 0) close(fd);
 }
 
