@@ -36,8 +36,7 @@ class FaultTest : public orvotest::PlaybackTest, public testing::WithParamInterf
            frames >= std::min(length, 100 - number * length) * 10 - 1;
   }
 
-  // A paced transcode "s", its first segment served to a request holding
-  // the client's connection, which the monitor must not keep.
+  // A paced transcode "s"; its monitor must not keep the client connection of the first request.
   void Start() {
     ServeAsWebServerUser();
     const std::string connection = Root().At("/connection");
@@ -96,9 +95,8 @@ TEST_P(FaultTest, StreamDisrupted) {
     EXPECT_TRUE(WholeSegment(Segment("s", n), n, 5)) << n;
   }
   Record(Close("s"),
-         (what == "seeks" ? "8 seeks in 0.4 s, the unserved killed" : "`kill -9` of the " + what) +
-             "; then 3 broken registries",
-         "later segments served whole, the registry rewritten valid");
+         (what == "seeks" ? "8 seeks in 0.4 s" : "`kill -9` of the " + what) + ", 3 bad registries",
+         "later segments whole, the registry rewritten valid");
 }
 
 INSTANTIATE_TEST_SUITE_P(, FaultTest, testing::Values("monitor", "transcoder", "seeks"),
