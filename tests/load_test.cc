@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,12 +13,12 @@
 #include "metadata/video_metadata.h"
 #include "subtitle/subtitle.h"
 #include "tests/support/child.h"
+#include "tests/support/documents.h"
 #include "tests/support/hostile_table.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
 #include "vte/http_live_stream.h"
-#include "vte/utils/md5.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -35,52 +33,39 @@ using PrivilegeTest = orvotest::PlaybackTest;
 TEST_F(LoadTest, ManySessionsOpenedAndReadAtOnce) {
   ServeAsWebServerUser();
   const std::string media = orvotest::TestMedia(orvotest::Media::kLongH264AacMp4);
-  const auto startOpen = [&](const Json::Value& options, bool init) {
-    return StartRequest([&] {
-      const std::string id = VTEStream::VTE_Init(media, "HLS", options,
-                                                 std::string(ORVOVTE_SAMPLE_PROFILES) + "/hls.json",
-                                                 "hls_remux_h264_aac_ab128", "browser", 0);
-      if (!init) return id;
-      Json::Value params;
-      params["url"] = "/api/stream";
-      params["format"] = "hls";
-      return HttpLiveStream(id).Init(params, Json::Value(), "", "") ? id : "Init failed: " + id;
-    });
-  };
+  // Twenty remux opens that name no id, then ten that all name one.
   std::vector<Request> opens;
   for (int i = 0; i < 4; ++i) opens.push_back(StartOpen("t" + std::to_string(i), "slow"));
-  for (int i = 0; i < 20; ++i) opens.push_back(startOpen(Json::Value(), true));
-  std::multiset<std::string> answers;
+  for (int i = 0; i < 30; ++i) {
+    opens.push_back(StartRequest([&] {
+      const std::string id = VTEStream::VTE_Init(
+          media, "HLS", orvotest::ParseJson(i < 20 ? "{}" : R"({"stream_id":"shared"})"),
+          std::string(ORVOVTE_SAMPLE_PROFILES) + "/hls.json", "hls_remux_h264_aac_ab128", "browser",
+          0);
+      const Json::Value params = orvotest::ParseJson(R"({"url":"/api/stream","format":"hls"})");
+      return i >= 20 || HttpLiveStream(id).Init(params, Json::Value(), "", "") ? id : "";
+    }));
+  }
   std::string transcode;
   for (int i = 0; i < 4; ++i) {
-    answers.insert(FinishRequest(opens[i], 60));
-    if (answers.count("ok") == 1 && transcode.empty()) transcode = "t" + std::to_string(i);
+    const std::string answer = FinishRequest(opens[i], 60);
+    EXPECT_TRUE(answer == "ok" || answer == "TransEnable") << answer;
+    if (answer == "ok") transcode += "t" + std::to_string(i);
   }
-  EXPECT_EQ(answers,
-            (std::multiset<std::string>{"TransEnable", "TransEnable", "TransEnable", "ok"}));
+  ASSERT_EQ(transcode.size(), 2u) << "admitted: " << transcode;
   std::set<std::string> ids;
   for (int i = 4; i < 24; ++i) ids.insert(FinishRequest(opens[i], 60));
   ASSERT_EQ(ids.size(), 20u);
-  const std::string digest = LibReelhall::GetMD5(media);
-  for (const std::string& id : ids) ASSERT_EQ(id.rfind(digest + "_", 0), 0u) << id;
+  for (int i = 24; i < 34; ++i) EXPECT_EQ(FinishRequest(opens[i], 60), "shared");
 
   std::vector<Request> readers;
   for (const std::string& id : ids) {
     readers.push_back(StartRequest([id] {
-      const auto descriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-      };
-      std::vector<std::string> served;
-      long fds = 0;
+      std::string wrong;
       for (int fragment = 0; fragment < 3; ++fragment) {
         HttpLiveStream stream(id);
         const std::string number = std::to_string(fragment);
-        served.push_back(stream.Transcoding(number) ? stream.ReadFragment(number) : "");
-        if (fragment == 0) fds = descriptors();
-      }
-      std::string wrong;
-      if (descriptors() != fds) wrong += "descriptors grew; ";
-      for (const std::string& path : served) {
+        const std::string path = stream.Transcoding(number) ? stream.ReadFragment(number) : "";
         if (!orvotest::CompleteSegment(path)) wrong += "not served whole: " + path + "; ";
       }
       return wrong;
@@ -97,15 +82,9 @@ TEST_F(LoadTest, ManySessionsOpenedAndReadAtOnce) {
       orvotest::WaitUntil([&] { return ReadFile(File(transcode, "seek_time")) == "15"; }, 10000));
   EXPECT_TRUE(Close(transcode));
   EXPECT_EQ(orvotest::WaitForChild(waiting, 5), 1) << "the request waited on after the close";
-  Json::Value shared;
-  shared["stream_id"] = "shared";
-  opens.clear();
-  for (int i = 0; i < 10; ++i) opens.push_back(startOpen(shared, false));
-  for (Request& open : opens) EXPECT_EQ(FinishRequest(open, 60), "shared");
   EXPECT_EQ(Leftovers(15), "");
   orvotest::HostileRow("load", "4 transcode and 20 remux opens of one file at once, 10 of one id",
-                       "1 transcode admitted; 20 sessions each read whole 3 segments deep, request "
-                       "descriptors flat; the 10 share the id");
+                       "1 transcode admitted; 20 sessions read 3 segments deep; the 10 share one");
 }
 
 // A process that gave root up for good must not see media, which may belong
@@ -146,18 +125,16 @@ TEST_F(PrivilegeTest, RootOnlyInsideTheLibrarysScopes) {
     if (!orvotest::DropToUnprivilegedUser()) return std::string("cannot drop");
     orvotest::LogCapture log;
     Json::Value doc(Json::objectValue);
-    std::string wrong;
-    if (VerifyFileExist(media, 0)) wrong += "existence; ";
-    if (VideoMetaData().LoadFile(media)) wrong += "load; ";
-    if (VideoMetaData::ReadMetaDataFromFFMPEG(media, doc)) wrong += "probe; ";
+    const int found = VerifyFileExist(media, 0) + VideoMetaData().LoadFile(media) +
+                      VideoMetaData::ReadMetaDataFromFFMPEG(media, doc);
     int refusals = 0;
     for (const orvotest::LoggedLine& line : log.Lines()) {
       refusals += line.priority == (LOG_AUTH | LOG_ERR) &&
                   line.text.find(" ERROR: IF_RUN_AS(0, 0)") != std::string::npos;
     }
-    return wrong + std::to_string(refusals) + " refusals logged";
+    return std::to_string(found) + " seen, " + std::to_string(refusals) + " refusals logged";
   });
-  EXPECT_EQ(seen, "3 refusals logged");
+  EXPECT_EQ(seen, "0 seen, 3 refusals logged");
 }
 
 }  // namespace
