@@ -19,6 +19,7 @@
 #include "tests/support/playback.h"
 #include "tests/support/stream_watch.h"
 #include "vte/http_live_stream.h"
+#include "vte/utils/md5.h"
 #include "vte/utils/trans_loading.h"
 #include "vte/utils/vteutils.h"
 
@@ -56,6 +57,8 @@ TEST_F(LoadTest, ManySessionsOpenedAndReadAtOnce) {
   std::set<std::string> ids;
   for (int i = 4; i < 24; ++i) ids.insert(FinishRequest(opens[i], 60));
   ASSERT_EQ(ids.size(), 20u);
+  const std::string digest = LibReelhall::GetMD5(media) + "_";
+  for (const std::string& id : ids) EXPECT_EQ(id.rfind(digest, 0), 0u) << id;
   for (int i = 24; i < 34; ++i) EXPECT_EQ(FinishRequest(opens[i], 60), "shared");
 
   std::vector<Request> readers;
