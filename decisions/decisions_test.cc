@@ -73,29 +73,26 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
 
 TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
   const struct {
-    std::string video;  // width height sar_num sar_den
+    unsigned int width, height, sarNum, sarDen;
     const char* name;
     bool exact;
     unsigned int rotate;
     const char* size;  // "7x9": nothing written
   } rows[] = {
-      {"1920 800 1 1", "hd720", false, 180, "1280x532"}, {"1920 800 1 1", "HD720", false, 0, "7x9"},
-      {"1920 800 1 1", "", true, 0, "7x9"},              {"1000 400 1 1", "hd720", false, 270, "288x720"},
-      {"640 480 2 1", "hd480", false, 0, "852x318"},     {"1440 1080 4 0", "hd480", false, 0, "640x480"},
+      {1920, 800, 1, 1, "hd720", false, 180, "1280x532"}, {1920, 800, 1, 1, "HD720", false, 0, "7x9"},
+      {1920, 800, 1, 1, "", true, 0, "7x9"},              {1000, 400, 1, 1, "hd720", false, 270, "288x720"},
+      {640, 480, 2, 1, "hd480", false, 0, "852x318"},     {1440, 1080, 4, 0, "hd480", false, 0, "640x480"},
   };
   for (const auto& row : rows) {
-    unsigned int w = 0, h = 0, num = 0, den = 0;
-    sscanf(row.video.c_str(), "%u %u %u %u", &w, &h, &num, &den);
     Json::Value video;
-    video["resolutionx"] = w;
-    video["resolutiony"] = h;
-    video["sample_aspect_ratio_num"] = num;
-    video["sample_aspect_ratio_den"] = den;
-    ArgumentHelper helper = File("matroska,webm", video);
+    video["resolutionx"] = row.width;
+    video["resolutiony"] = row.height;
+    video["sample_aspect_ratio_num"] = row.sarNum;
+    video["sample_aspect_ratio_den"] = row.sarDen;
     unsigned int width = 7, height = 9;
-    helper.GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
+    File("matroska,webm", video).GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
     EXPECT_EQ(row.size, std::to_string(width) + "x" + std::to_string(height))
-        << row.video << " " << row.name << " exact " << row.exact << " rotate " << row.rotate;
+        << orvotest::JsonLine(video) << " " << row.name << " exact " << row.exact << " rotate " << row.rotate;
   }
 }
 
@@ -153,7 +150,6 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
         << row[0] << " in " << row[1];
   }
   EXPECT_EQ("", JoinWords(File("mpegts", h264, {Track("1", "aac")}).GetGstreamAudioArgument("3", false)));
-  const std::vector<Json::Value> ps = {Track("1", "ac3", 128), Track("2", "mp2", 448)};
   const std::vector<Json::Value> mkv = {Track("1", "aac"), Track("2", ""), Track("4", "dts"), Track("2", "ac3"),
                                         Track(6, "eac3")};
   const struct {
@@ -162,8 +158,9 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
     const char* id;
     const char* pad;
   } pads[] = {
-      {"mpegts", {Track("1", "mp2", 448)}, "1", "demux.audio_01c0"}, {"mpeg", ps, "2", "demux.audio_c0"},
-      {"mpeg", ps, "1", "demux.audio_80"}, {"matroska,webm", mkv, "2", "demux.audio_3"},
+      {"mpegts", {Track("1", "mp2", 448)}, "1", "demux.audio_01c0"},
+      {"mpeg", {Track("1", "ac3", 128), Track("2", "mp2", 448)}, "2", "demux.audio_c0"},
+      {"matroska,webm", mkv, "2", "demux.audio_3"},
       {"matroska,webm", mkv, "", "demux.audio_0"}, {"matroska,webm", mkv, "6", "demux.audio_4"},
       {"matroska,webm", mkv, "01", "demux."},
   };
@@ -173,9 +170,8 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
   }
 }
 
-// "<name> <flags> <transcode platform> <ForceFFmpegTranscoding of 10-bit
-// H.264> <GetMachineTranscodeAndRemux's answers>"; flags E(vansport)
-// B(raswell) M(onaco) G(streamer) H(ardware), +hw: the administrator's switch.
+// "<name> <flags> <transcode platform> <10-bit H.264's tool> <machine's answers>";
+// flags E(vansport) B(raswell) M(onaco) G(streamer) H(ardware), +hw: the switch.
 std::string Describe() {
   PlatformUtils& p = PlatformUtils::GetInst();
   std::string flags = std::string(p.IsEvansport() ? "E" : "") + (p.IsBraswell() ? "B" : "") +

@@ -64,8 +64,7 @@ TEST(VideoMetaDataProbe, LoadFileFailsCleanlyOnBadInput) {
   orvotest::MachineRoot root;
   ASSERT_EQ(0, mkfifo(root.At("/fifo").c_str(), 0600));
   const std::string text = TestMedia(Media::kNotMedia), truncated = TestMedia(Media::kTruncatedMp4);
-  for (const std::string& path :
-       {std::string(), root.At("/missing.mp4"), root.At("/volume1"), root.At("/fifo"), truncated, text}) {
+  for (const std::string& path : {std::string(), root.At("/missing.mp4"), root.At("/fifo"), truncated, text}) {
     const int status = orvotest::RunInChild(
         [&] {
           av_log_set_level(AV_LOG_QUIET);
@@ -76,9 +75,6 @@ TEST(VideoMetaDataProbe, LoadFileFailsCleanlyOnBadInput) {
         60);
     EXPECT_EQ(0, status) << path << ": 1 loaded, 2 left loaded, -1 hung or crashed";
   }
-  Json::Value partial(Json::objectValue);
-  EXPECT_FALSE(VideoMetaData::ReadMetaDataFromFFMPEG(truncated, partial));
-  EXPECT_EQ(R"({"filesize":"4096","path":")" + truncated + "\"}", JsonLine(partial));
   Json::Value list(Json::arrayValue);
   EXPECT_FALSE(VideoMetaData::ReadMetaDataFromFFMPEG(TestMedia(Media::kH264AacMp4), list));
 }
