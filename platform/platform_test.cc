@@ -123,7 +123,6 @@ TEST(ChooseVolumeTest, PicksTheRoomiestWritableVolumeThatFits) {
     const int result = ChooseVolume(row.volumes, row.needed, &info, &status);
     EXPECT_EQ(row.expected, std::to_string(result) + " " + std::to_string(status) + " " + info.mountPath)
         << row.volumes.size() << " volumes, " << row.needed << " bytes needed";
-    EXPECT_TRUE(result == 0 || info.availableBytes != 7) << "size not written";
   }
 }
 
