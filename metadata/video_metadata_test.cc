@@ -1,7 +1,6 @@
 #include "metadata/video_metadata.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 

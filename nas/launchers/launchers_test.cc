@@ -60,7 +60,6 @@ TEST(ProgressiveStreams, GstreamerPipelineStartsAtTheSeekWithShiftedTimestamps) 
   ASSERT_TRUE(orvotest::ProbeMedia(root.At("/volume1/gst.ts"), &media));
   const orvotest::ProbedStream* video = media.Stream("video");
   ASSERT_TRUE(video);
-  EXPECT_EQ("h264 160", video->codec + " " + std::to_string(video->width));
   EXPECT_EQ(200, video->frames) << "the clip's last 20 s at 10 frames per second";
   EXPECT_NEAR(3600 + 80, video->start, 0.1) << "GStreamer's transport streams start at 3600 s";
 }
