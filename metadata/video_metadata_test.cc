@@ -29,8 +29,7 @@ class ProbedMetaData : public VideoMetaData {
   using VideoMetaData::loaded;
 };
 
-// Documents cross-checked with ffprobe when written, but for what the
-// file's bytes decide.
+// Documents cross-checked with ffprobe when written.
 const std::string kGolden =
     std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/probe_documents.txt";
 
