@@ -16,9 +16,7 @@ namespace {
 namespace machine = librh::machine;
 namespace rules = librh::util::platform_rules;
 using librh::util::PlatformUtils;
-using orvotest::DocumentMetaData;
 using orvotest::JoinWords;
-using orvotest::MachineRoot;
 using orvotest::PlatformFiles;
 
 // Without a codec a track cannot be chosen.
@@ -37,7 +35,7 @@ ArgumentHelper File(const std::string& container, const Json::Value& video,
   doc["track_info"]["video"][0u] = video;
   doc["track_info"]["audio"] = Json::arrayValue;
   for (const Json::Value& track : audio) doc["track_info"]["audio"].append(track);
-  return ArgumentHelper(DocumentMetaData(doc));
+  return ArgumentHelper(orvotest::DocumentMetaData(doc));
 }
 
 TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
@@ -57,7 +55,7 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
       {"monaco", "h264", 1280, 0, 25, "", 1},          {"braswell", "vp9", 4096, 2160, 60, "", 0},
       {"x86", "h264", 1280, 720, 25, "", 1},
   };
-  MachineRoot root;
+  orvotest::MachineRoot root;
   for (const auto& row : rows) {
     root.Play(PlatformFiles{row.platform, 2, 4800, ""});
     Json::Value video = Track("0", row.codec);
@@ -103,7 +101,7 @@ TEST(ArgumentHelperTest, AudioListsOfOddShapes) {
       {R"({"track_info":{"video":[],"audio":["aac",7,null]}})", true},
   };
   for (const auto& [document, firstTrack] : shapes) {
-    ArgumentHelper lists{DocumentMetaData(document)};
+    ArgumentHelper lists{orvotest::DocumentMetaData(document)};
     EXPECT_FALSE(lists.ZeroAudioTrack()) << document;
     EXPECT_EQ(firstTrack, lists.AbleToDecodeAudio("")) << document;
   }
@@ -123,7 +121,7 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
       {"braswell", "matroska,webm", "mpeg2", "",
        "matroskademux name=demux ! queue ! | mpegvideoparse ! queue ! decodebin"},
   };
-  MachineRoot root;
+  orvotest::MachineRoot root;
   for (const auto& row : rows) {
     root.Play(PlatformFiles{row[0], 2, 4800, ""});
     Json::Value video = Track("0", row[2]);
@@ -201,7 +199,7 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
       {{"broadwell", 1, 4800, ""}, nullptr, nullptr, "broadwell - bromolow_1 ffmpeg fast sw"},
   };
   for (const auto& row : kRows) {
-    MachineRoot root(row.files);
+    orvotest::MachineRoot root(row.files);
     Describe();  // the administrator's switch is read afresh on every question
     if (row.file) root.WriteFile(row.file, row.text);
     EXPECT_EQ(row.expected, Describe()) << row.files.name << " " << (row.file ? row.text : "");
