@@ -16,9 +16,7 @@ namespace {
 namespace machine = librh::machine;
 namespace rules = librh::util::platform_rules;
 using librh::util::PlatformUtils;
-using orvotest::DocumentMetaData;
 using orvotest::JoinWords;
-using orvotest::MachineRoot;
 using orvotest::PlatformFiles;
 
 // Without a codec a track cannot be chosen.
@@ -37,7 +35,7 @@ ArgumentHelper File(const std::string& container, const Json::Value& video,
   doc["track_info"]["video"][0u] = video;
   doc["track_info"]["audio"] = Json::arrayValue;
   for (const Json::Value& track : audio) doc["track_info"]["audio"].append(track);
-  return ArgumentHelper(DocumentMetaData(doc));
+  return ArgumentHelper(orvotest::DocumentMetaData(doc));
 }
 
 TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
@@ -53,12 +51,11 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
       {"evansport", "rv40", 1280, 721, 25, "", 1},     {"evansport", "h264", 3840, 2160, 25, "", 0},
       {"monaco", "h264", 3840, 2160, 24.05, "", 0},    {"monaco", "h264", 3840, 2160, 24.1, "", 5},
       {"monaco", "h264", 3841, 2160, 25, "", 3},       {"monaco", "mpeg2", 1081, 1081, 25, "", 3},
-      {"monaco", "mpeg4", 640, 480, 25, "DIVX", 2},    {"monaco", "h264", 1280, 720, 25, "High 10", 4},
-      {"monaco", "hevc", 1280, 720, 25, "Main 10", 4}, {"monaco", "vp9", 1280, 720, 25, "", 2},
+      {"monaco", "mpeg4", 640, 480, 25, "DIVX", 2},    {"monaco", "hevc", 1280, 720, 25, "Main 10", 4},
       {"monaco", "h264", 1280, 0, 25, "", 1},          {"braswell", "vp9", 4096, 2160, 60, "", 0},
       {"x86", "h264", 1280, 720, 25, "", 1},
   };
-  MachineRoot root;
+  orvotest::MachineRoot root;
   for (const auto& row : rows) {
     root.Play(PlatformFiles{row.platform, 2, 4800, ""});
     Json::Value video = Track("0", row.codec);
@@ -73,47 +70,40 @@ TEST(ArgumentHelperTest, HardwareEngineOfThePlatformJudgesTheVideo) {
 
 TEST(ArgumentHelperTest, OutputSizeFitsTheBoxWithTheDisplayAspect) {
   const struct {
-    std::string video;  // width height sar_num sar_den
+    unsigned int width, height, sarNum, sarDen;
     const char* name;
     bool exact;
     unsigned int rotate;
     const char* size;  // "7x9": nothing written
   } rows[] = {
-      {"1920 800 1 1", "hd720", false, 180, "1280x532"}, {"1920 800 1 1", "HD720", false, 0, "7x9"},
-      {"1920 800 1 1", "", true, 0, "7x9"},              {"1000 400 1 1", "hd720", false, 270, "288x720"},
-      {"640 480 2 1", "hd480", false, 0, "852x318"},     {"1440 1080 4 0", "hd480", false, 0, "640x480"},
+      {1920, 800, 1, 1, "hd720", false, 180, "1280x532"}, {1920, 800, 1, 1, "HD720", false, 0, "7x9"},
+      {1920, 800, 1, 1, "", true, 0, "7x9"},              {1000, 400, 1, 1, "hd720", false, 270, "288x720"},
+      {640, 480, 2, 1, "hd480", false, 0, "852x318"},     {1440, 1080, 4, 0, "hd480", false, 0, "640x480"},
   };
   for (const auto& row : rows) {
-    unsigned int w = 0, h = 0, num = 0, den = 0;
-    sscanf(row.video.c_str(), "%u %u %u %u", &w, &h, &num, &den);
     Json::Value video;
-    video["resolutionx"] = w;
-    video["resolutiony"] = h;
-    video["sample_aspect_ratio_num"] = num;
-    video["sample_aspect_ratio_den"] = den;
-    ArgumentHelper helper = File("matroska,webm", video);
+    video["resolutionx"] = row.width;
+    video["resolutiony"] = row.height;
+    video["sample_aspect_ratio_num"] = row.sarNum;
+    video["sample_aspect_ratio_den"] = row.sarDen;
     unsigned int width = 7, height = 9;
-    helper.GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
+    File("matroska,webm", video).GetTransVideoSize(row.name, row.exact, row.rotate, width, height);
     EXPECT_EQ(row.size, std::to_string(width) + "x" + std::to_string(height))
-        << row.video << " " << row.name << " exact " << row.exact << " rotate " << row.rotate;
+        << orvotest::JsonLine(video) << " " << row.name << " exact " << row.exact << " rotate " << row.rotate;
   }
 }
 
-// A list that is not an array of tracks is not "no audio" either.
-TEST(ArgumentHelperTest, AudioListsOfEveryShape) {
-  const struct {
-    std::string document;
-    bool zeroAudio, firstTrack;
-  } shapes[] = {
-      {R"({"track_info":{"video":[],"audio":[]}})", true, false},
-      {R"({"track_info":{"video":[],"audio":[{"id":"1","track":"1","codec":"aac"}]}})", false, true},
-      {R"({"track_info":{"video":[],"subtitle":[]}})", false, false},
-      {R"({"track_info":{"video":[],"audio":["aac",7,null]}})", false, true},
+// A list that is not an array of tracks is not "no audio" either. An empty
+// list and a list of tracks are OpenChecksTest's.
+TEST(ArgumentHelperTest, AudioListsOfOddShapes) {
+  const std::pair<std::string, bool> shapes[] = {  // the document; whether its first "track" decodes
+      {R"({"track_info":{"video":[],"subtitle":[]}})", false},
+      {R"({"track_info":{"video":[],"audio":["aac",7,null]}})", true},
   };
-  for (const auto& shape : shapes) {
-    ArgumentHelper lists{DocumentMetaData(shape.document)};
-    EXPECT_EQ(shape.zeroAudio, lists.ZeroAudioTrack()) << shape.document;
-    EXPECT_EQ(shape.firstTrack, lists.AbleToDecodeAudio("")) << shape.document;
+  for (const auto& [document, firstTrack] : shapes) {
+    ArgumentHelper lists{orvotest::DocumentMetaData(document)};
+    EXPECT_FALSE(lists.ZeroAudioTrack()) << document;
+    EXPECT_EQ(firstTrack, lists.AbleToDecodeAudio("")) << document;
   }
 }
 
@@ -131,7 +121,7 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
       {"braswell", "matroska,webm", "mpeg2", "",
        "matroskademux name=demux ! queue ! | mpegvideoparse ! queue ! decodebin"},
   };
-  MachineRoot root;
+  orvotest::MachineRoot root;
   for (const auto& row : rows) {
     root.Play(PlatformFiles{row[0], 2, 4800, ""});
     Json::Value video = Track("0", row[2]);
@@ -153,7 +143,6 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
         << row[0] << " in " << row[1];
   }
   EXPECT_EQ("", JoinWords(File("mpegts", h264, {Track("1", "aac")}).GetGstreamAudioArgument("3", false)));
-  const std::vector<Json::Value> ps = {Track("1", "ac3", 128), Track("2", "mp2", 448)};
   const std::vector<Json::Value> mkv = {Track("1", "aac"), Track("2", ""), Track("4", "dts"), Track("2", "ac3"),
                                         Track(6, "eac3")};
   const struct {
@@ -162,8 +151,9 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
     const char* id;
     const char* pad;
   } pads[] = {
-      {"mpegts", {Track("1", "mp2", 448)}, "1", "demux.audio_01c0"}, {"mpeg", ps, "2", "demux.audio_c0"},
-      {"mpeg", ps, "1", "demux.audio_80"}, {"matroska,webm", mkv, "2", "demux.audio_3"},
+      {"mpegts", {Track("1", "mp2", 448)}, "1", "demux.audio_01c0"},
+      {"mpeg", {Track("1", "ac3", 128), Track("2", "mp2", 448)}, "2", "demux.audio_c0"},
+      {"matroska,webm", mkv, "2", "demux.audio_3"},
       {"matroska,webm", mkv, "", "demux.audio_0"}, {"matroska,webm", mkv, "6", "demux.audio_4"},
       {"matroska,webm", mkv, "01", "demux."},
   };
@@ -173,9 +163,8 @@ TEST(GstreamerElementsTest, ElementsByContainerCodecAndPlatform) {
   }
 }
 
-// "<name> <flags> <transcode platform> <ForceFFmpegTranscoding of 10-bit
-// H.264> <GetMachineTranscodeAndRemux's answers>"; flags E(vansport)
-// B(raswell) M(onaco) G(streamer) H(ardware), +hw: the administrator's switch.
+// "<name> <flags> <transcode platform> <10-bit H.264's tool> <machine's answers>";
+// flags E(vansport) B(raswell) M(onaco) G(streamer) H(ardware), +hw: the switch.
 std::string Describe() {
   PlatformUtils& p = PlatformUtils::GetInst();
   std::string flags = std::string(p.IsEvansport() ? "E" : "") + (p.IsBraswell() ? "B" : "") +
@@ -198,7 +187,7 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
     const char* expected;
   } kRows[] = {
       {{"braswell", 1, 4800, ""}, machine::kAdvancedConf, kOff, "braswell BGH braswell_1 ffmpeg fast hw"},
-      {{"", 4, 4800, ""}, machine::kOrvoInfoConf, "unique=\"nounderscore\"\n", " - x86_2 ffmpeg fast sw"},
+      {{"evansport", 2, 4800, ""}, machine::kAdvancedConf, kOff, "evansport EH x86_1 ffmpeg fast hw"},
       {{"monaco", 1, 4800, ""}, machine::kAdvancedConf, kOff, "monaco MGH+hw monaco_2 gstreamer fast hw"},
       {{"evansport", 1, 4800, ""}, machine::kAdvancedConf, R"({"hardware_transcode": "no"})",
        "evansport EH+hw evansport_1 ffmpeg fast hw"},
@@ -210,7 +199,8 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
       {{"broadwell", 1, 4800, ""}, nullptr, nullptr, "broadwell - bromolow_1 ffmpeg fast sw"},
   };
   for (const auto& row : kRows) {
-    MachineRoot root(row.files);
+    orvotest::MachineRoot root(row.files);
+    Describe();  // the administrator's switch is read afresh on every question
     if (row.file) root.WriteFile(row.file, row.text);
     EXPECT_EQ(row.expected, Describe()) << row.files.name << " " << (row.file ? row.text : "");
   }
@@ -221,6 +211,8 @@ TEST(PlatformUtils, PlatformsReadFromTheMachine) {
 TEST(PlatformUtils, RulesOnWhatWasRead) {
   EXPECT_EQ("6\n", rules::CpuInfoValue("cpu cores: 4: 5\ncpu cores :6\n", "cpu cores"));
   EXPECT_EQ("", rules::CpuInfoValue("cpu cores" + std::string(130, 'x') + ": 9\n", "cpu cores"));
+  std::string name;
+  EXPECT_FALSE(PlatformUtils::ParsePlatform("nounderscore", name));
   // Braswell: container, codec, profile; "1" where FFmpeg is forced.
   const char* forced[][4] = {
       {"rm", "", "", "1"},           {"mov", "", "High 10", ""},      {"mov", "h264", "High 10", "1"},
@@ -230,14 +222,6 @@ TEST(PlatformUtils, RulesOnWhatWasRead) {
     EXPECT_EQ(*row[3] != '\0', rules::ForceFFmpeg(true, false, row[0], row[1], row[2]))
         << row[0] << " " << row[1] << " " << row[2];
   }
-}
-
-// The administrator's switch is read on every question.
-TEST(PlatformUtils, SettingsReadAfresh) {
-  MachineRoot root(PlatformFiles{"evansport", 2, 4800, ""});
-  EXPECT_EQ("evansport EH+hw evansport_2 ffmpeg fast hw", Describe());
-  root.WriteFile(machine::kAdvancedConf, R"({"hardware_transcode": false})");
-  EXPECT_EQ("evansport EH x86_1 ffmpeg fast hw", Describe());
 }
 
 }  // namespace
