@@ -12,9 +12,6 @@ namespace orvotest {
 // Where the library expects the NAS's transcoders; a gtest failure otherwise.
 void InstallLaunchers(const MachineRoot& root);
 
-// Until end of file or `enough` bytes; false when time ran out.
-bool ReadPipe(int fd, std::string* data, int timeoutMs, size_t enough = std::string::npos);
-
 // "a b c" as {"a", "b", "c"}, and back.
 std::vector<std::string> SplitWords(const std::string& line);
 std::string JoinWords(const std::vector<std::string>& words);

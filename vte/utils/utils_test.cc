@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -31,18 +32,23 @@ std::string Entry(int pid, bool hardware, bool offline) {
 }
 
 // Other processes (the conversion service among them) read this file: its
-// text, and which entries outlive which.
+// text, its mode, and which entries outlive which.
 TEST(TransLoadingTest, EntriesAreWrittenOpenToAllAndGoWithTheirProcessOrSession) {
   orvotest::MachineRoot root;
   const pid_t dead = orvotest::StartChild([] { return 0; });
   ASSERT_EQ(0, orvotest::WaitForChild(dead, 10));
   const int me = getpid(), parent = getppid();
+  const mode_t savedUmask = umask(022);
   {
     TransLoading registry;
     registry.SaveTransPID(me, true, false);
     registry.SaveTransPID(parent, false, true);
     registry.SaveTransPID(dead, false, false);  // saving does not check liveness
   }
+  umask(savedUmask);
+  struct stat info;
+  ASSERT_EQ(0, stat(root.At(machine::kLoadRegistry).c_str(), &info));
+  EXPECT_EQ(0777u, info.st_mode & 07777);
   EXPECT_EQ("[" + Entry(me, true, false) + "," + Entry(parent, false, true) + "," +
                 Entry(dead, false, false) + "]\n",
             Registry());
