@@ -106,7 +106,6 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
   } rows[] = {
       {tracks, "2", kNone, "opened"},
       {tracks, "7", kNone, "refused TransAudioNotSupported"},
-      {eac3, "", kNone, "refused TransAudioNotSupported"},
       {eac3, "1", kSwitchedOn, "opened"},
       {dts, "1", kCustomFFmpeg, "opened"},
       {Media::kVideoOnlyAvi, "5", kNone, "opened"},  // no audio at all: any id will do
@@ -144,7 +143,6 @@ TEST_F(OpenChecksTest, HardwareEnginesRefuseWhatExceedsThem) {
       {"monaco", "encode", vp9, "opened"},  // software needs no engine
       {"evansport", "smd", mjpeg, "refused TransVideoNotSupported"},
       {"evansport", "smd", tall, "opened"},
-      {"braswell", "pipeline", vp9, "opened"},  // its pipeline choice decides instead
   };
   for (const auto& row : rows) {
     Play(row.platform);
