@@ -108,7 +108,6 @@ TEST_F(OpenChecksTest, AudioMustBeDecodableUnlessThereIsNone) {
       {tracks, "7", kNone, "refused TransAudioNotSupported"},
       {eac3, "1", kSwitchedOn, "opened"},
       {dts, "1", kCustomFFmpeg, "opened"},
-      {Media::kVideoOnlyAvi, "5", kNone, "opened"},  // no audio at all: any id will do
   };
   for (const auto& row : rows) {
     Root().WriteFile(librh::machine::kCodecsConf,
