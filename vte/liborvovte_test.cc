@@ -189,14 +189,16 @@ TEST_F(OpenChecksTest, VTEInitRefusesUnusableArguments) {
   EXPECT_FALSE(fs::exists(Root().At("/tmp/Reelhall/HLS/bad/video_metadata")));
 }
 
-// Hardware decoding only where it works (not for flv sources). The pipe
-// reaches the transcoder though close-on-exec here, and nothing else.
+// Hardware decoding only where it works (not for flv sources). The pipe's
+// write end reaches the transcoder though close-on-exec here, and nothing
+// else: not its read end, inheritable and at the lowest number.
 using TranscoderStartTest = OpenChecksTest;
 
 TEST_F(TranscoderStartTest, ArgumentVectorAndPipeReachTheTranscoder) {
   const std::string program = orvotest::StandInProgram();
   int pipeFds[2];
-  ASSERT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
+  ASSERT_EQ(0, pipe2(pipeFds, 0));
+  ASSERT_EQ(0, fcntl(pipeFds[1], F_SETFD, FD_CLOEXEC));
   const std::string fd = std::to_string(pipeFds[1]);
   const std::string chain = "vaapipostproc width=1280 @VERTICAL@ ! videoflip ! vaapih264enc ! h264parse";
   const std::string gst = chain + "$audioconvert ! avenc_aac$mpegtsmux";
