@@ -29,8 +29,8 @@ constexpr size_t kBrokenSegmentBytes = 188 * 16;
 // A seek or a restart the library refused: its code reaches the client, the
 // page and the log.
 int FailStart(const char* type, const VTEStream& stream) {
-  const std::string code =
-      stream.GetErrorString().empty() ? "transcoding_failed" : stream.GetErrorString();
+  const std::string refusal = stream.GetErrorString();
+  const std::string code = refusal.empty() ? "transcoding_failed" : refusal;
   fprintf(stderr, "webapi: %s stream %s: transcoding refused: %s\n", type,
           stream.GetStreamID().c_str(), code.c_str());
   NoteFailure(stream, code);

@@ -35,7 +35,6 @@ constexpr char kRunSuffix[] = "_run";
 // In the anchor's session: held while a run is started or let go, so that a
 // request never closes the run that replaced its own.
 constexpr char kRunLockFile[] = "webapi_run.lock";
-// In the anchor's session: the error code of its last run that failed.
 // Where the library records the run's transcoder (HTTP) or monitor (WebM).
 constexpr char kRecordFile[] = "monitor.pid";
 // Starting a run may wait a minute for a transcoding slot.
